@@ -1,0 +1,23 @@
+// Calls from the module into the script's callbacks. Every call is
+// protected and its status ignored; a script error never reaches the module.
+#pragma once
+
+#include <lua.hpp>
+
+#include "ws_client.h"
+
+// Pushes the options table registered for fd and, on top, its field `name`.
+// An fd without an options table raises the interpreter's indexing error.
+void get_cb(lua_State* L, int32_t fd, const char* name);
+
+// on_error(errno, message); does nothing for fd 0. errnum is ignored: the
+// script always sees errno as it stands at the call. Empties the stack.
+void error_callback(lua_State* L, int32_t fd, int errnum, const char* message);
+// on_open(); leaves the options table on the stack.
+void connect_callback(lua_State* L, int32_t fd);
+void tcp_connect_callback(lua_State* L, const tcp_record* record);
+// on_close(reason); empties the stack.
+void close_callback(lua_State* L, int32_t fd, const char* reason);
+// on_message(data, from, port); a null `from` reaches the script as nil.
+// Empties the stack.
+void receive_callback(lua_State* L, int32_t fd, const char* data, const char* from, int port);

@@ -1,0 +1,119 @@
+// Shared definitions of the module: socket kind codes, status values, the
+// three socket records and the debug log. Every unit includes this header;
+// it does not include lua.h, so the pure codec and parser units stay free of
+// the interpreter.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+typedef struct ssl_st SSL;
+typedef struct ssl_ctx_st SSL_CTX;
+
+// ---- kind codes (the script stores the same number under `type`) ----
+constexpr int32_t SOCK_TYPE_WS = 0;
+constexpr int32_t SOCK_TYPE_TCP = 1;
+constexpr int32_t SOCK_TYPE_UDP = 2;
+
+// ---- status values; WebSocket and TCP number connecting/open differently ----
+constexpr int32_t WS_STATUS_CREATED = 3;
+constexpr int32_t WS_STATUS_CONNECTING = 2;
+constexpr int32_t WS_STATUS_OPEN = 1;
+constexpr int32_t WS_STATUS_CLOSED = 0;
+
+constexpr int32_t TCP_STATUS_CREATED = -1;
+constexpr int32_t TCP_STATUS_CONNECTING = 1;
+constexpr int32_t TCP_STATUS_OPEN = 2;
+constexpr int32_t TCP_STATUS_CLOSED = 0;
+
+constexpr int32_t UDP_STATUS_CREATED = -1;
+constexpr int32_t UDP_STATUS_OPEN = 2;
+constexpr int32_t UDP_STATUS_CLOSED = 0;
+
+// fixed text fields hold 199 characters and a terminator
+constexpr std::size_t TEXT_FIELD_SIZE = 200;
+
+// metatable names; the braces are part of the names
+constexpr const char* METATABLE_WS = "{SOCKET_WS}";
+constexpr const char* METATABLE_UDP = "{SOCKET_UDP}";
+constexpr const char* METATABLE_TCP = "{SOCKET_TCP}";
+
+// ---- socket records ----
+// All three begin with sock_type, sockfd, status so that code needing only
+// those may read them through any record (see sock_header).
+struct sock_header {
+    int32_t sock_type;
+    int32_t sockfd;
+    int32_t status;
+};
+
+struct ws_record {
+    int32_t sock_type;
+    int32_t sockfd;
+    int32_t status;
+    int32_t is_secure;
+    int32_t port;
+    int32_t timeout;
+    SSL* ssl;
+    SSL_CTX* ssl_ctx;
+    char url[TEXT_FIELD_SIZE];
+    char crt[TEXT_FIELD_SIZE];
+    char prikey[TEXT_FIELD_SIZE];
+    char sec_ws_key[TEXT_FIELD_SIZE];
+    char sec_ws_accept[TEXT_FIELD_SIZE];
+    // Records are copied byte for byte and the copies share the TLS
+    // handles; this serial names the TLS session the handles belong to so
+    // that a stale copy can never free or use a session twice.
+    uint64_t tls_serial;
+};
+
+struct tcp_record {
+    int32_t sock_type;
+    int32_t sockfd;
+    int32_t status;
+    int32_t is_secure;
+    int32_t port;
+    SSL* ssl;
+    SSL_CTX* ssl_ctx;
+    char ip[TEXT_FIELD_SIZE];
+    char crt[TEXT_FIELD_SIZE];
+    char prikey[TEXT_FIELD_SIZE];
+    uint64_t tls_serial;  // as in ws_record
+};
+
+struct udp_record {
+    int32_t sock_type;
+    int32_t sockfd;
+    int32_t status;
+};
+
+template <typename Record>
+constexpr bool has_shared_prefix =
+    std::is_standard_layout_v<Record> && offsetof(Record, sock_type) == offsetof(sock_header, sock_type) &&
+    offsetof(Record, sockfd) == offsetof(sock_header, sockfd) &&
+    offsetof(Record, status) == offsetof(sock_header, status);
+static_assert(has_shared_prefix<ws_record>);
+static_assert(has_shared_prefix<tcp_record>);
+static_assert(has_shared_prefix<udp_record>);
+
+// ---- debug log ----
+// One line per call, appended to the file named by set_debug; the file is
+// opened and closed for every line. Off until a path other than "NULL" is set.
+namespace debug_log_detail {
+extern bool enabled;
+}
+// off costs this one test per log site
+inline bool debug_log_enabled() noexcept { return debug_log_detail::enabled; }
+// keeps its own copy of the path; "NULL" turns logging off
+bool debug_log_set_path(const char* path) noexcept;
+void debug_log_write(const char* unit, const char* function, int line, const char* format, ...) noexcept
+    __attribute__((format(printf, 4, 5)));
+
+// Every .cpp defines LOG_UNIT (its unit name) before using WS_LOG; the message
+// carries its own line end, as each log site's text does.
+#define WS_LOG(...)                                                  \
+    do {                                                             \
+        if (debug_log_enabled())                                     \
+            debug_log_write(LOG_UNIT, __func__, __LINE__, __VA_ARGS__); \
+    } while (0)

@@ -1,0 +1,171 @@
+// The module's face towards the interpreter: entry point, function table,
+// object checks, options readers, the socket table and the script bindings.
+#include "luacli.h"
+
+#include <cstring>
+
+#include "callbacks.h"
+#include "tools.h"
+
+#define LOG_UNIT "luacli"
+
+// ---- socket table ----
+
+int32_t socktbl[SOCKET_TABLE_SIZE] = {};
+
+int sock_add(int32_t fd) {
+    for (int i = 0; i < SOCKET_TABLE_SIZE; ++i) {
+        if (socktbl[i] == 0 || socktbl[i] == fd) {
+            socktbl[i] = fd;
+            return i;
+        }
+    }
+    return -1;
+}
+
+int sock_rem(int32_t fd) {
+    bool found = false;
+    for (int i = 0; i < SOCKET_TABLE_SIZE; ++i) {
+        if (socktbl[i] == fd) {
+            socktbl[i] = 0;
+            found = true;
+        }
+        if (found && i < SOCKET_TABLE_SIZE - 1) {  // close the gap
+            socktbl[i] = socktbl[i + 1];
+            socktbl[i + 1] = 0;
+        }
+        if (socktbl[i] == 0)
+            break;
+    }
+    return found ? 1 : -1;
+}
+
+// ---- object checks and options readers ----
+
+ws_record* check_ws_client(lua_State* L, int index) {
+    void* block = luaL_checkudata(L, index, METATABLE_WS);
+    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_WS' expected`");
+    return static_cast<ws_record*>(block);
+}
+
+udp_record* check_udp_client(lua_State* L, int index) {
+    void* block = luaL_checkudata(L, index, METATABLE_UDP);
+    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_UDP' expected`");
+    return static_cast<udp_record*>(block);
+}
+
+tcp_record* check_tcp_client(lua_State* L, int index) {
+    void* block = luaL_checkudata(L, index, METATABLE_TCP);
+    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_TCP' expected`");
+    return static_cast<tcp_record*>(block);
+}
+
+void get_tbl_str(lua_State* L, int index, const char* key, char (&dst)[TEXT_FIELD_SIZE]) {
+    lua_pushstring(L, key);
+    lua_gettable(L, index);
+    const char* text = luaL_checklstring(L, -1, nullptr);
+    const std::size_t length = std::strlen(text);  // copies stop at a zero byte
+    if (length >= TEXT_FIELD_SIZE) {
+        const int table = lua_gettop(L) - 1;
+        luaL_argerror(L, table,
+                      lua_pushfstring(L, "field '%s' is longer than %d characters", key,
+                                      static_cast<int>(TEXT_FIELD_SIZE - 1)));
+    }
+    std::memcpy(dst, text, length + 1);
+    lua_pop(L, 1);
+}
+
+void get_tbl_num(lua_State* L, int index, const char* key, int32_t* out) {
+    lua_pushstring(L, key);
+    lua_gettable(L, index);
+    *out = static_cast<int32_t>(luaL_checkinteger(L, -1));
+    lua_pop(L, 1);
+}
+
+void stackDump(lua_State*) {}
+
+void* new_record_block(lua_State* L, std::size_t size, const char* metatable) {
+    void* block = lua_newuserdata(L, size);
+    std::memset(block, 0, size);
+    luaL_getmetatable(L, metatable);
+    lua_setmetatable(L, -2);
+    return block;
+}
+
+// ---- bindings not yet in this build ----
+
+static int not_available(lua_State* L, const char* name) {
+    return luaL_error(L, "ws_client.%s is not available in this build", name);
+}
+
+static int ws_new(lua_State* L) { return not_available(L, "ws_new"); }
+static int udp_new(lua_State* L) { return not_available(L, "udp_new"); }
+static int tcp_new(lua_State* L) { return not_available(L, "tcp_new"); }
+static int ws_connect(lua_State* L) { return not_available(L, "ws_connect"); }
+static int udp_do_connect(lua_State* L) { return not_available(L, "udp_connect"); }
+static int tcp_connect(lua_State* L) { return not_available(L, "tcp_connect"); }
+static int ws_do_send(lua_State* L) { return not_available(L, "ws_send"); }
+static int tcp_do_send(lua_State* L) { return not_available(L, "tcp_send"); }
+static int udp_do_sendto(lua_State* L) { return not_available(L, "udp_sendto"); }
+static int lua_close_udp(lua_State* L) { return not_available(L, "udp_close"); }
+static int lua_close_ws(lua_State* L) { return not_available(L, "ws_close"); }
+static int lua_close_tcp(lua_State* L) { return not_available(L, "tcp_close"); }
+static int start_main_loop(lua_State* L) { return not_available(L, "loop_start"); }
+static int loop_stop(lua_State* L) { return not_available(L, "loop_stop"); }
+static int timeout_lua_sleep(lua_State* L) { return not_available(L, "sleep"); }
+
+// ---- creation by kind name ----
+
+// `new` is a keyword here, hence the longer name.
+static int new_by_kind(lua_State* L) {
+    const char* kind = luaL_checklstring(L, 1, nullptr);
+    if (std::strcmp(kind, "tcp") == 0)
+        return tcp_new(L);
+    if (std::strcmp(kind, "udp") == 0)
+        return udp_new(L);
+    return ws_new(L);  // "websocket" and anything else: WebSocket is the default
+}
+
+// ---- debug log ----
+
+static int debug_file(lua_State* L) {
+    const char* path = luaL_checklstring(L, 1, nullptr);
+    if (!debug_log_set_path(path))
+        return luaL_argerror(L, 1, "path too long");
+    lua_pop(L, 1);
+    return 0;
+}
+
+// ---- registration ----
+
+static const luaL_Reg R[] = {
+    {"new", new_by_kind},
+    {"ws_new", ws_new},
+    {"udp_new", udp_new},
+    {"tcp_new", tcp_new},
+    {"ws_connect", ws_connect},
+    {"udp_connect", udp_do_connect},
+    {"tcp_connect", tcp_connect},
+    {"ws_send", ws_do_send},
+    {"tcp_send", tcp_do_send},
+    {"udp_sendto", udp_do_sendto},
+    {"udp_close", lua_close_udp},
+    {"ws_close", lua_close_ws},
+    {"tcp_close", lua_close_tcp},
+    {"loop_start", start_main_loop},
+    {"loop_stop", loop_stop},
+    {"sleep", timeout_lua_sleep},
+    {"set_debug", debug_file},
+    {nullptr, nullptr},
+};
+
+extern "C" __attribute__((visibility("default"))) int luaopen_ws_client(lua_State* L) {
+    lua_checkstack(L, 2);
+    WS_LOG("come in open\n");
+    luaL_newmetatable(L, METATABLE_WS);
+    luaL_newmetatable(L, METATABLE_UDP);
+    luaL_newmetatable(L, METATABLE_TCP);
+    lua_pop(L, 3);  // scripts only ever see the module table
+    luaL_openlib(L, "ws_client", R, 0);
+    return 1;
+}
