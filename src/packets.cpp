@@ -82,25 +82,40 @@ uint32_t wsMakeFrameHeader(const uint8_t* data, uint32_t dataLength, uint8_t* he
     return length + WS_MASK_KEY_SIZE;
 }
 
-void wsMaskPayload(uint8_t* dst, const uint8_t* src, uint32_t length, const uint8_t* key) {
-    // Eight key bytes in memory order, so the XOR is byte-order independent.
-    uint8_t key_bytes[8];
-    std::memcpy(key_bytes, key, 4);
-    std::memcpy(key_bytes + 4, key, 4);
-    uint64_t key_word;
-    std::memcpy(&key_word, key_bytes, sizeof key_word);
+// 16 bytes handled as one value: SIMD registers where the target has them,
+// word operations where it does not.
+using mask_chunk = uint8_t __attribute__((vector_size(16)));
 
-    // Whole blocks through a temporary, which also makes dst == src safe;
-    // the compiler turns the fixed-size word loop into vector operations.
-    constexpr std::size_t block = 64;
-    constexpr std::size_t words = block / sizeof(uint64_t);
+void wsMaskPayload(uint8_t* dst, const uint8_t* src, uint32_t length, const uint8_t* key) {
+    // The key repeated in memory order, so the XOR is byte-order independent.
+    mask_chunk key_chunk;
+    for (std::size_t k = 0; k < sizeof key_chunk; k += 4)
+        std::memcpy(reinterpret_cast<uint8_t*>(&key_chunk) + k, key, 4);
+    uint64_t key_word;
+    std::memcpy(&key_word, &key_chunk, sizeof key_word);
+
+    // Each chunk is loaded before it is stored, so dst == src is safe.
     std::size_t i = 0;
-    for (; i + block <= length; i += block) {
-        uint64_t w[words];
-        std::memcpy(w, src + i, block);
-        for (std::size_t j = 0; j < words; ++j)
-            w[j] ^= key_word;
-        std::memcpy(dst + i, w, block);
+    for (; i + 4 * sizeof(mask_chunk) <= length; i += 4 * sizeof(mask_chunk)) {
+        mask_chunk a, b, c, d;
+        std::memcpy(&a, src + i, sizeof a);
+        std::memcpy(&b, src + i + 16, sizeof b);
+        std::memcpy(&c, src + i + 32, sizeof c);
+        std::memcpy(&d, src + i + 48, sizeof d);
+        a ^= key_chunk;
+        b ^= key_chunk;
+        c ^= key_chunk;
+        d ^= key_chunk;
+        std::memcpy(dst + i, &a, sizeof a);
+        std::memcpy(dst + i + 16, &b, sizeof b);
+        std::memcpy(dst + i + 32, &c, sizeof c);
+        std::memcpy(dst + i + 48, &d, sizeof d);
+    }
+    for (; i + sizeof(mask_chunk) <= length; i += sizeof(mask_chunk)) {
+        mask_chunk a;
+        std::memcpy(&a, src + i, sizeof a);
+        a ^= key_chunk;
+        std::memcpy(dst + i, &a, sizeof a);
     }
     for (; i + sizeof key_word <= length; i += sizeof key_word) {
         uint64_t w;
