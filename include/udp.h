@@ -27,6 +27,8 @@ int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* 
 int udp_recv(lua_State* L, int32_t fd);
 
 // Takes fd out of the socket table, closes it, calls on_close(reason), then
-// sets record->sockfd to -1. The caller keeps the record's block reachable
-// across the call (on_close runs inside and clears the stack).
+// sets record->sockfd to -1. The record's block must be on the caller's stack
+// (or otherwise anchored): on_close may drop every other reference. The
+// stack is cleared after on_close returned, and nothing allocates between
+// that and the write.
 void udp_do_close(lua_State* L, udp_record* record, const char* reason);

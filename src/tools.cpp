@@ -176,8 +176,10 @@ void do_close(lua_State* L, int32_t fd, const char* reason) {
     const close_entry& entry = close_by_kind[kind];
     if (entry.close == nullptr || !has_metatable(L, -1, entry.metatable))
         return;
-    // The close runs on_close, which may replace the registry entry that is
-    // the block's last reference.
+    // The block is on the stack until on_close clears it; a kind's close may
+    // still allocate and use the record after that, while on_close may have
+    // replaced the registry entry that was the block's last reference. (A
+    // close that raises leaves this one reference behind.)
     const int anchor = anchor_value(L, -1);
     entry.close(L, record, reason);
     anchor_release(L, anchor);
