@@ -3,7 +3,7 @@ BUILD      ?= build
 ASAN_BUILD ?= build-asan
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build test test-plain test-asan clean
+.PHONY: deps build test test-plain test-asan clean bench
 
 deps:
 	@scripts/deps.sh
@@ -24,3 +24,10 @@ test: test-plain test-asan
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD)
+
+# Benchmarks: an optimised build with WS_CLIENT_BENCH=ON in build-bench/.
+BENCH_BUILD ?= build-bench
+bench: deps
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_BENCH=ON -DWS_CLIENT_TESTS=OFF
+	cmake --build $(BENCH_BUILD) -j $(JOBS)
+	$(BENCH_BUILD)/bench/udp_roundtrip_bench

@@ -12,6 +12,12 @@
 #include "udp.h"
 
 #define LOG_UNIT "main_loop"
+// The loop's steps live in small helpers but log as the loop itself.
+#define LOOP_LOG(...)                                                   \
+    do {                                                                \
+        if (debug_log_enabled())                                        \
+            debug_log_write(LOG_UNIT, "main_loop", __LINE__, __VA_ARGS__); \
+    } while (0)
 
 namespace {
 
@@ -43,13 +49,13 @@ char* loop_buffer() {
 }
 
 void run_periodic(lua_State* L, int32_t calls_per_tick) {
-    WS_LOG("will Do Main loop, try to get lua loop callback function!\n");
+    LOOP_LOG("will Do Main loop, try to get lua loop callback function!\n");
     for (int32_t call = 0; call < calls_per_tick; ++call) {
         lua_getfield(L, LUA_REGISTRYINDEX, "main_loop");
-        WS_LOG("will Do Main loop\n");
+        LOOP_LOG("will Do Main loop\n");
         lua_call(L, 0, 0);  // unprotected: its errors end the loop
         lua_settop(L, 0);
-        WS_LOG("<-- %s out stack len is %d -->\n", "main_loop", lua_gettop(L));
+        LOOP_LOG("<-- %s out stack len is %d -->\n", "main_loop", lua_gettop(L));
     }
 }
 
@@ -63,13 +69,13 @@ void report_and_close(lua_State* L, int32_t fd) {
 // on_error and a close. The table closes up under the sweep and empty slots
 // reach do_close with descriptor 0, whose kind lookup raises.
 int fatal_sweep(lua_State* L) {
-    WS_LOG("Main select error\n");
+    LOOP_LOG("Main select error\n");
     for (int slot = 0; slot < SOCKET_TABLE_SIZE; ++slot) {
         error_callback(L, socktbl[slot], errno, std::strerror(errno));
         do_close(L, socktbl[slot], std::strerror(errno));
         lua_settop(L, 0);
     }
-    WS_LOG("Main return -1\n");
+    LOOP_LOG("Main return -1\n");
     return -1;
 }
 
@@ -79,21 +85,21 @@ void receive_stream(lua_State* L, int32_t fd, stream_receive receive, char* buff
     const bool failed = received == 0 || (received == -1 && error != EINTR && error != EAGAIN);
     if (!failed)
         return;
-    WS_LOG("Main receive len is %d, err_no: %d, errstr: %s\n", received, error, std::strerror(error));
-    WS_LOG("EINTR is %d, EAGAIN is %d\n", EINTR, EAGAIN);
+    LOOP_LOG("Main receive len is %d, err_no: %d, errstr: %s\n", received, error, std::strerror(error));
+    LOOP_LOG("EINTR is %d, EAGAIN is %d\n", EINTR, EAGAIN);
     report_and_close(L, fd);
-    WS_LOG("Main return %d\n", received);
+    LOOP_LOG("Main return %d\n", received);
 }
 
 void serve_readable(lua_State* L, int32_t fd, char* buffer) {
-    WS_LOG("Main select receive\n");
+    LOOP_LOG("Main select receive\n");
     const int32_t kind = get_sock_type(L, fd);
     if (kind == SOCK_TYPE_WS || kind == SOCK_TYPE_TCP) {
         const stream_receive receive = stream_receivers[kind];
         if (receive != nullptr)
             receive_stream(L, fd, receive, buffer);
     } else if (kind == SOCK_TYPE_UDP) {
-        WS_LOG("will do udp recv\n");
+        LOOP_LOG("will do udp recv\n");
         udp_recv(L, fd);
     }
     lua_settop(L, 0);  // the kind lookup leaves two values; keep the stack bounded
@@ -108,9 +114,9 @@ void walk_ready(lua_State* L, char* buffer) {
         const int32_t fd = socktbl[slot];
         const bool readable = select_set_has(read_fds, fd);
         if (!readable && select_set_has(error_fds, fd)) {
-            WS_LOG("Main switch come in error\n");
+            LOOP_LOG("Main switch come in error\n");
             report_and_close(L, fd);
-            WS_LOG("Main return -1\n");
+            LOOP_LOG("Main return -1\n");
         } else if (readable) {
             serve_readable(L, fd, buffer);
         } else {
@@ -119,16 +125,16 @@ void walk_ready(lua_State* L, char* buffer) {
         if (select_generation != generation)
             break;  // a nested run reused the sets
     }
-    WS_LOG("switch readable break\n");
+    LOOP_LOG("switch readable break\n");
 }
 
 bool loop_continues(lua_State* L) {
-    WS_LOG("Main check loop_continue\n");
+    LOOP_LOG("Main check loop_continue\n");
     lua_getfield(L, LUA_REGISTRYINDEX, "loop_ctl");
     const int32_t loop_continue = number_to_int32(lua_tonumber(L, -1));
     lua_settop(L, 0);  // nothing clears the stack on a quiet pass
-    WS_LOG("loop_continue is %d\n", loop_continue);
-    WS_LOG("loop_continue == LOOP_STOP is %d\n", loop_continue == LOOP_STOP);
+    LOOP_LOG("loop_continue is %d\n", loop_continue);
+    LOOP_LOG("loop_continue == LOOP_STOP is %d\n", loop_continue == LOOP_STOP);
     return loop_continue != LOOP_STOP;
 }
 

@@ -80,22 +80,29 @@ int32_t get_sock_type(lua_State* L, int32_t fd) {
     return type;
 }
 
-static int change_flags(int fd, bool nonblocking) {
+// Shared steps log under the name of the procedure they serve.
+#define LOG_AS(function, ...)                                          \
+    do {                                                               \
+        if (debug_log_enabled())                                       \
+            debug_log_write(LOG_UNIT, function, __LINE__, __VA_ARGS__); \
+    } while (0)
+
+static int change_flags(int fd, bool nonblocking, const char* function) {
     const int flags = fcntl(fd, F_GETFL);
     if (flags == -1) {
-        WS_LOG("fcntl error\n");
+        LOG_AS(function, "fcntl error\n");
         return -1;
     }
     const int wanted = nonblocking ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
     if (fcntl(fd, F_SETFL, wanted) == -1) {
-        WS_LOG("fcntl error\n");
+        LOG_AS(function, "fcntl error\n");
         return -1;
     }
     return 0;
 }
 
-int set_nonblocking(int fd) { return change_flags(fd, true); }
-int deactivate_nonblock(int fd) { return change_flags(fd, false); }
+int set_nonblocking(int fd) { return change_flags(fd, true, __func__); }
+int deactivate_nonblock(int fd) { return change_flags(fd, false, __func__); }
 
 // The outcome of a non-blocking connect that is under way.
 static int finish_connect(int fd, int32_t timeout_sec) {
@@ -109,7 +116,7 @@ static int finish_connect(int fd, int32_t timeout_sec) {
         return -1;
     }
     if (ready < 0) {
-        WS_LOG("select error\n");
+        LOG_AS("connect_timeout", "select error\n");
         return -1;
     }
     int result = 0;

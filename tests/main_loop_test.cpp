@@ -270,6 +270,8 @@ TEST_F(MainLoopTest, InterruptedSelectKeepsTheRemainingTime) {
     text << file.rdbuf();
     EXPECT_THAT(text.str(), HasSubstr("EINTR error, just break, Interrupted system call\n"));
     EXPECT_THAT(text.str(), HasSubstr("Main select error\n"));
+    EXPECT_THAT(text.str(), ::testing::ContainsRegex("File: main_loop, Function: main_loop, Line: [0-9]{5}\\]: "
+                                                     "EINTR error"));
     std::remove(log.c_str());
 }
 

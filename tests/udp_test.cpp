@@ -177,8 +177,8 @@ TEST_F(UdpTest, FullSocketTableReportsAndClosesTheNewSocket) {
     EXPECT_EQ(socktbl[SOCKET_TABLE_SIZE - 1], 100000 + SOCKET_TABLE_SIZE - 1);
 }
 
-// Regression: the record was written after on_close although the callback
-// had cleared the only stack reference and the collector had freed it.
+// Regression: udp_connect copied its record after on_open although the
+// registry entry (its last reference) could be dropped and collected there.
 TEST_F(UdpTest, RecordsStayValidWhenCallbacksDropEveryReference) {
     LUA_OK(R"(
         local reg = debug.getregistry()
