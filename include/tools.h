@@ -83,7 +83,8 @@ void anchor_release(lua_State* L, int anchor);
 //     from call to call. Keep one in static storage per use site (it owns heap
 //     memory and has no destructor, so a Lua error unwinding past it loses
 //     nothing), clear it, add descriptors, pass select_set_fds(set) to select.
-//   - select_single: the common "wait on one descriptor" case.
+//   - select_single: the common "wait on one descriptor" case (connect with
+//     a time-out, the send path's writability poll, the handshake's wait).
 struct select_set {
     unsigned long* words;
     std::size_t word_count;

@@ -58,18 +58,6 @@ TEST_F(ToolsTest, KindIsTheTypeFieldTruncatedTowardZero) {
     EXPECT_THAT(run("kind_of_fd(41)"), HasSubstr("attempt to index a nil value"));
 }
 
-TEST_F(ToolsTest, BlockingModeTogglesAndReportsFailures) {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(set_nonblocking(fd), 0);
-    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
-    ASSERT_EQ(deactivate_nonblock(fd), 0);
-    EXPECT_FALSE(fcntl(fd, F_GETFL) & O_NONBLOCK);
-    close(fd);
-    EXPECT_EQ(set_nonblocking(fd), -1);
-    EXPECT_EQ(deactivate_nonblock(fd), -1);
-}
-
 // A TCP listener on 127.0.0.1 with the given backlog; its address in `address`.
 int listen_loopback(int backlog, sockaddr_in& address) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -202,20 +190,6 @@ TEST_F(ToolsTest, GetIpResolvesToDottedText) {
     EXPECT_EQ(get_ip("", ip), nullptr);
     char tiny[8] = "";
     EXPECT_EQ(get_ip("127.0.0.1", tiny), nullptr) << "text that does not fit is refused";
-}
-
-TEST(SelectSet, HoldsDescriptorsPastFdSetSize) {
-    static select_set set{};
-    for (int fd : {3, 64, 1023, 1024, 5000})
-        ASSERT_TRUE(select_set_add(set, fd));
-    ASSERT_TRUE(select_set_add(set, -1));
-    for (int fd : {3, 64, 1023, 1024, 5000})
-        EXPECT_TRUE(select_set_has(set, fd)) << fd;
-    for (int fd : {-1, 0, 4, 1025, 4999, 5001, 1 << 20})
-        EXPECT_FALSE(select_set_has(set, fd)) << fd;
-    select_set_clear(set);
-    EXPECT_FALSE(select_set_has(set, 5000));
-    EXPECT_FALSE(select_set_has(set, 3));
 }
 
 TEST(SelectSet, SelectWaitsOnADescriptorAbove1023) {

