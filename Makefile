@@ -35,9 +35,10 @@ test-fuzz: deps
 test: test-plain test-asan test-fuzz
 
 bench: deps
-	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	$(BENCH_BUILD)/bench/ws_client_bench
+	$(BENCH_BUILD)/bench/udp_roundtrip_bench
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)
