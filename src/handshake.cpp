@@ -6,7 +6,6 @@
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -16,6 +15,8 @@
 #include <ctime>
 #include <memory>
 
+#include "tools.h"
+
 #define LOG_UNIT "handshake"
 
 namespace {
@@ -23,7 +24,7 @@ namespace {
 constexpr const char* kGuid = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 constexpr const char* kStatusPrefix = "HTTP/1.1 101";
 constexpr const char* kAcceptHeader = "Sec-WebSocket-Accept";
-constexpr int kAnswerWaitMs = 5000;
+constexpr long kAnswerWaitSeconds = 5;
 constexpr std::size_t kAnswerCapacity = 1048576;
 constexpr const char* kRequestTemplate =
     "GET %s HTTP/1.1\r\nHost: %s\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
@@ -114,10 +115,11 @@ int check_ws_accept(const ws_record* ws, const char* answer) {
 }
 
 int handshake_result(ws_record* ws) {
-    pollfd wait{ws->sockfd, POLLIN, 0};
-    const int ready = poll(&wait, 1, kAnswerWaitMs);
+    timeval wait{kAnswerWaitSeconds, 0};
+    const int ready = select_single(ws->sockfd, wait_for::read, &wait);
     if (ready <= 0)
         return -1;
+    // with the descriptor alone in the set, a positive count means readable
     char* answer = answer_buffer();
     if (answer == nullptr)
         return -1;
