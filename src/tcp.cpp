@@ -40,10 +40,10 @@ receive_buffers& buffers() {
     return *allocated;
 }
 
-// Keeps the object that holds `record` alive while scripts run: a callback
-// empties the stack, and on_close may even replace the registry entry that
-// held it. The object must be on the stack at the call; the script bindings
-// have it there as argument 1 and do_close pushes it. LUA_NOREF when absent.
+// Keeps the object that holds `record` alive across on_error, which empties
+// the stack (and whose script may drop every other reference). The object
+// must be on the stack at the call: the script bindings have it there as
+// argument 1. LUA_NOREF when absent.
 int anchor_record(lua_State* L, const void* record) {
     for (int index = lua_gettop(L); index > 0; --index) {
         if (lua_type(L, index) == LUA_TUSERDATA && lua_touserdata(L, index) == record) {
@@ -54,7 +54,8 @@ int anchor_record(lua_State* L, const void* record) {
     return LUA_NOREF;
 }
 
-// Releases the anchor and leaves the object on the stack, so that a close
+// Puts the object back on the stack for the close that follows (which
+// keeps it there through on_close) and drops the anchor, so that a close
 // that raises (a record already closed from inside on_error) leaks nothing.
 void unanchor_onto_stack(lua_State* L, int reference) {
     if (reference == LUA_NOREF)
@@ -143,12 +144,10 @@ void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
             WS_LOG("close %d: %s\n", record->sockfd, std::strerror(errno));
         tcp_udata_close(L, record->sockfd);
     }
-    // A second close looks on_close up under -1 and raises there, before
-    // any script runs; only a live record needs keeping through on_close.
-    const int anchor = record->sockfd != -1 ? anchor_record(L, record) : LUA_NOREF;
+    // The object stays on the stack below on_close's call, and nothing can
+    // collect it between the callback's stack clear and this write.
     close_callback(L, record->sockfd, reason);
     record->sockfd = -1;
-    luaL_unref(L, LUA_REGISTRYINDEX, anchor);
 }
 
 // ---- send ----
