@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <vector>
 
 #include "peers/tcp_peer.h"
@@ -177,8 +178,19 @@ TEST_F(TcpClientTest, FullSocketTableReportsErrorOnlyAndClosesTheDescriptor) {
 // replaces the registry entry that held the closing object; the close must
 // still end on a live record (ASan checks).
 TEST_F(TcpClientTest, OnCloseMayReconnectOnTheSameDescriptorAndCollect) {
-    peers::tcp_peer first([](int fd) { peers::read_until_closed(fd, 3000ms); });
-    peers::tcp_peer second([](int fd) { peers::read_until_closed(fd, 3000ms); });
+    // The peers keep their ends open until the test is done, so that no
+    // descriptor they free can take the closed number first.
+    std::promise<void> done, first_accepted;
+    std::shared_future<void> finished = done.get_future().share();
+    peers::tcp_peer first([finished, &first_accepted](int fd) {
+        first_accepted.set_value();
+        peers::read_until_closed(fd, 3000ms);
+        finished.wait_for(5s);
+    });
+    peers::tcp_peer second([finished](int fd) {
+        peers::read_until_closed(fd, 3000ms);
+        finished.wait_for(5s);
+    });
     set_port("port1", first.port());
     set_port("port2", second.port());
     LUA_OK(R"(
@@ -191,12 +203,14 @@ TEST_F(TcpClientTest, OnCloseMayReconnectOnTheSameDescriptorAndCollect) {
         conn = ws.tcp_connect(ws.tcp_new(), o)
         old_fd = tcp_fd(conn)
     )");
+    ASSERT_EQ(first_accepted.get_future().wait_for(5s), std::future_status::ready);
     // A snippet of its own: no stale register of the one above keeps the
     // first object alive.
     LUA_OK("ws.tcp_close(conn)");
     LUA_OK("new_fd = tcp_fd(conn); ws.tcp_close(conn)");
     EXPECT_EQ(events(), "open|close:User do close|open|close:User do close");
     EXPECT_EQ(global_number("old_fd"), global_number("new_fd"));
+    done.set_value();
 }
 
 // ---- send ----
@@ -218,7 +232,7 @@ TEST_F(TcpClientTest, SendWritesTextUpToItsFirstZeroByte) {
     EXPECT_EQ(global_number("number"), 4);
     EXPECT_EQ(received, "ab12.5");
     EXPECT_EQ(events(), "open|close:User do close");
-    EXPECT_THAT(run("ws.tcp_send(ws.tcp_new(), {})"), HasSubstr("bad argument #2"));
+    EXPECT_THAT(run("ws.tcp_send(conn, {})"), HasSubstr("bad argument #2"));
 }
 
 TEST_F(TcpClientTest, SendOnClosedObjectsAndStaleCopies) {
