@@ -1,9 +1,12 @@
 # Thin wrapper over CMake for the two commands in the README.
 BUILD      ?= build
 ASAN_BUILD ?= build-asan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 20
+BENCH_BUILD ?= build-bench
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build test test-plain test-asan clean
+.PHONY: deps build test test-plain test-asan test-fuzz bench clean
 
 deps:
 	@scripts/deps.sh
@@ -20,7 +23,22 @@ test-asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
-test: test-plain test-asan
+# Each fuzz target for FUZZ_SECONDS (make test-fuzz FUZZ_SECONDS=3600 for a long run).
+test-fuzz: deps
+	@if command -v clang++ >/dev/null 2>&1; then \
+	  cmake -S . -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_FUZZ=ON -DWS_CLIENT_FUZZ_SECONDS=$(FUZZ_SECONDS) && \
+	  cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets && \
+	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
+	else echo "clang++ not found: fuzz targets not run"; fi
+
+test: test-plain test-asan test-fuzz
+
+bench: deps
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
+	cmake --build $(BENCH_BUILD) -j $(JOBS)
+	$(BENCH_BUILD)/bench/ws_client_bench
+	$(BENCH_BUILD)/bench/udp_roundtrip_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)

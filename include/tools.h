@@ -2,6 +2,12 @@
 #pragma once
 
 #include <lua.hpp>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/time.h>
+
+#include <cstddef>
+#include <span>
 
 #include "ws_client.h"
 
@@ -23,6 +29,82 @@ void get_udata_by_sockfd(lua_State* L, int32_t fd);
 void ws_udata_close(lua_State* L, int32_t fd);
 void tcp_udata_close(lua_State* L, int32_t fd);
 void udp_udata_close(lua_State* L, int32_t fd);
+
+// ---- socket helpers ----
+
+// A script number truncated toward zero to 32 bits. NaN reads as 0 and
+// out-of-range values saturate (a plain cast would be undefined).
+constexpr int32_t number_to_int32(double value) {
+    if (!(value == value))
+        return 0;
+    if (value >= 2147483647.0)
+        return 2147483647;
+    if (value <= -2147483648.0)
+        return -2147483647 - 1;
+    return static_cast<int32_t>(value);
+}
+
+// Resolves `host` to dotted IPv4 text in `ip`; null when the name does not
+// resolve or the text does not fit (16 characters always do).
+char* get_ip(const char* host, std::span<char> ip);
+
+// Kind code from the `type` field of fd's options table. Leaves the options
+// table and the field on the stack. No options table: the interpreter's
+// indexing error; `type` missing or not a number: an argument error.
+int32_t get_sock_type(lua_State* L, int32_t fd);
+
+// O_NONBLOCK on / off; 0, or -1 ("fcntl error" in the log).
+int set_nonblocking(int fd);
+int deactivate_nonblock(int fd);
+
+// connect() that gives up after timeout_sec seconds (0: plain connect on the
+// descriptor as it is). 0 connected, -1 failed with errno telling why
+// (ETIMEDOUT on time-out). The blocking mode is restored on every path.
+int connect_timeout(int fd, const sockaddr_in* address, int32_t timeout_sec);
+
+// Closes the socket registered for fd through its kind's close, which calls
+// on_close(reason). Unknown kinds, and objects that are not of the kind the
+// options table names, are left alone.
+void do_close(lua_State* L, int32_t fd, const char* reason);
+
+// Keeps the value at `index` reachable until anchor_release: for a record
+// that C code still uses after a callback (callbacks clear the stack, and the
+// script may drop every other reference meanwhile).
+int anchor_value(lua_State* L, int index);
+void anchor_release(lua_State* L, int anchor);
+
+// ---- descriptor sets for select() ----
+// fd_set holds descriptors below FD_SETSIZE (1024) only, and FD_SET past its
+// end writes out of bounds, while the socket table can hold descriptors far
+// above that. Linux select() accepts longer sets in the same layout (nfds bits
+// rounded up to whole longs), so every select() in this module uses these
+// instead of fd_set/FD_SET:
+//   - select_set: a bit array grown to the highest descriptor added, reused
+//     from call to call. Keep one in static storage per use site (it owns heap
+//     memory and has no destructor, so a Lua error unwinding past it loses
+//     nothing), clear it, add descriptors, pass select_set_fds(set) to select.
+//   - select_single: the common "wait on one descriptor" case (connect with
+//     a time-out, the send path's writability poll, the handshake's wait).
+struct select_set {
+    unsigned long* words;
+    std::size_t word_count;
+};
+// Clears every bit the set holds.
+void select_set_clear(select_set& set);
+// Adds fd, growing the set as needed; false when out of memory. Negative
+// descriptors are never added (and do not fail).
+bool select_set_add(select_set& set, int fd);
+// False for descriptors beyond the set's size.
+bool select_set_has(const select_set& set, int fd);
+// The set as select() takes it; covers every descriptor added since the last
+// clear.
+fd_set* select_set_fds(select_set& set);
+
+enum class wait_for { read, write };
+// select(fd + 1, ...) with fd alone in the read or write set; returns what
+// select() returns, errno as it left it. On Linux `timeout` then holds the
+// time that remained, so a retry after EINTR keeps counting down.
+int select_single(int fd, wait_for what, timeval* timeout);
 
 // ---- TLS session ownership ----
 // Records are copied byte for byte, so several records may hold the same

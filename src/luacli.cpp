@@ -5,11 +5,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <cstring>
+#include <ctime>
+#include <limits>
 
 #include "callbacks.h"
+#include "main_loop.h"
 #include "tcp.h"
 #include "tools.h"
+#include "udp.h"
 
 #define LOG_UNIT "luacli"
 
@@ -103,16 +108,106 @@ static int not_available(lua_State* L, const char* name) {
 }
 
 static int ws_new(lua_State* L) { return not_available(L, "ws_new"); }
-static int udp_new(lua_State* L) { return not_available(L, "udp_new"); }
 static int ws_connect(lua_State* L) { return not_available(L, "ws_connect"); }
-static int udp_do_connect(lua_State* L) { return not_available(L, "udp_connect"); }
 static int ws_do_send(lua_State* L) { return not_available(L, "ws_send"); }
-static int udp_do_sendto(lua_State* L) { return not_available(L, "udp_sendto"); }
-static int lua_close_udp(lua_State* L) { return not_available(L, "udp_close"); }
 static int lua_close_ws(lua_State* L) { return not_available(L, "ws_close"); }
-static int start_main_loop(lua_State* L) { return not_available(L, "loop_start"); }
-static int loop_stop(lua_State* L) { return not_available(L, "loop_stop"); }
-static int timeout_lua_sleep(lua_State* L) { return not_available(L, "sleep"); }
+
+// ---- UDP ----
+
+static int udp_new(lua_State* L) {
+    auto* record = static_cast<udp_record*>(new_record_block(L, sizeof(udp_record), METATABLE_UDP));
+    if (udp_init(L, record) == nullptr)
+        lua_pushnil(L);  // the block is left to the collector
+    record->sock_type = SOCK_TYPE_UDP;
+    WS_LOG(">>> udp sockfd is %d\n", record->sockfd);
+    record->status = UDP_STATUS_CREATED;
+    return 1;
+}
+
+static int udp_do_connect(lua_State* L) {
+    udp_record* record = check_udp_client(L, 1);
+    luaL_checkany(L, 2);  // the options table, last
+    // A second reference to the object at the bottom keeps the record alive
+    // through on_open (the registry entry may be replaced meanwhile).
+    lua_pushvalue(L, 1);
+    lua_insert(L, 1);
+    const int32_t fd = record->sockfd;
+    registry_store_top(L, sockfd_key(fd));  // options table
+    registry_store_top(L, udata_key(fd));   // the value below it: the object
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now");
+        close(fd);
+        return 0;
+    }
+    record->status = UDP_STATUS_OPEN;
+    connect_callback(L, fd);
+    push_record_copy(L, *record, METATABLE_UDP);
+    WS_LOG("::::::::::::::::::::::::\n");
+    return 1;
+}
+
+static int udp_do_sendto(lua_State* L) {
+    udp_record* record = check_udp_client(L, 1);
+    const char* data = lua_tolstring(L, 2, nullptr);  // null unless text or a number
+    const char* ip = lua_tolstring(L, 3, nullptr);
+    const int32_t port = number_to_int32(lua_tonumber(L, 4));
+    const int sent = udp_send_to(L, record, data, ip, port);
+    lua_pushnumber(L, sent);
+    return 1;
+}
+
+static int lua_close_udp(lua_State* L) {
+    auto* record = static_cast<udp_record*>(luaL_checkudata(L, 1, METATABLE_UDP));
+    // Argument 1 keeps the record alive while on_close runs; the stack is
+    // cleared only after it returned, and nothing allocates between that and
+    // the last write to the record.
+    udp_do_close(L, record, "User do close");
+    return 0;
+}
+
+// ---- loop control and sleep ----
+
+static int start_main_loop(lua_State* L) {
+    WS_LOG("come in start_main_loop\n");
+    luaL_checkany(L, 3);  // the three arguments are taken from the top
+    const int32_t interval_sec = number_to_int32(luaL_checknumber(L, -1));
+    const int32_t calls_per_tick = number_to_int32(luaL_checknumber(L, -2));
+    lua_pop(L, 2);
+    lua_setfield(L, LUA_REGISTRYINDEX, "main_loop");  // not checked: fails when first called
+    lua_pushnumber(L, 1);
+    lua_setfield(L, LUA_REGISTRYINDEX, "loop_ctl");
+    WS_LOG("%d, %d\n\n", interval_sec, calls_per_tick);
+    main_loop(L, calls_per_tick, interval_sec);
+    return 0;
+}
+
+static int loop_stop(lua_State* L) {
+    WS_LOG("come in function loop_stop\n");
+    lua_pushnumber(L, 0);
+    lua_setfield(L, LUA_REGISTRYINDEX, "loop_ctl");
+    return 0;
+}
+
+static int timeout_lua_sleep(lua_State* L) {
+    const lua_Number seconds = luaL_checknumber(L, 1);
+    if (!(seconds >= 0))
+        return 0;  // negative or NaN: nothing to sleep
+    constexpr double longest = static_cast<double>(std::numeric_limits<std::time_t>::max() / 2);
+    timespec wanted{};
+    if (seconds >= longest) {
+        wanted.tv_sec = static_cast<std::time_t>(longest);
+    } else {
+        const double whole = std::trunc(seconds);
+        wanted.tv_sec = static_cast<std::time_t>(whole);
+        const double nanoseconds = std::trunc((seconds - whole) * 1e9);
+        wanted.tv_nsec = nanoseconds > 999999999.0 ? 999999999L : static_cast<long>(nanoseconds);
+    }
+    timespec remaining{};
+    // a signal does not shorten the sleep: the remaining time is slept
+    while (nanosleep(&wanted, &remaining) != 0 && errno == EINTR)
+        wanted = remaining;
+    return 0;
+}
 
 // ---- TCP bindings ----
 

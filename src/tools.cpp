@@ -1,19 +1,28 @@
 // Registry lookups, TLS session set-up and ownership, and the debug log.
 #include "tools.h"
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netdb.h>
 #include <openssl/bio.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <vector>
+
+#include "tcp.h"
+#include "udp.h"
 
 #define LOG_UNIT "tools"
 
@@ -51,6 +60,213 @@ static void udata_mark_closed(lua_State* L, int32_t fd) {
 void ws_udata_close(lua_State* L, int32_t fd) { udata_mark_closed(L, fd); }
 void tcp_udata_close(lua_State* L, int32_t fd) { udata_mark_closed(L, fd); }
 void udp_udata_close(lua_State* L, int32_t fd) { udata_mark_closed(L, fd); }
+
+// ---- socket helpers ----
+
+char* get_ip(const char* host, std::span<char> ip) {
+    const hostent* entry = gethostbyname(host);
+    if (entry == nullptr || entry->h_addrtype != AF_INET || entry->h_length != sizeof(in_addr) ||
+        entry->h_addr_list[0] == nullptr)
+        return nullptr;
+    in_addr first{};
+    std::memcpy(&first, entry->h_addr_list[0], sizeof first);
+    const char* text = inet_ntoa(first);
+    const std::size_t length = std::strlen(text);
+    if (length >= ip.size())
+        return nullptr;
+    std::memcpy(ip.data(), text, length + 1);
+    return ip.data();
+}
+
+int32_t get_sock_type(lua_State* L, int32_t fd) {
+    const registry_key key = sockfd_key(fd);
+    lua_getfield(L, LUA_REGISTRYINDEX, key.text);
+    lua_getfield(L, -1, "type");  // raises on a missing options table
+    const int32_t type = number_to_int32(luaL_checknumber(L, -1));
+    WS_LOG("type is %d\n", type);
+    return type;
+}
+
+// Shared steps log under the name of the procedure they serve.
+#define LOG_AS(function, ...)                                          \
+    do {                                                               \
+        if (debug_log_enabled())                                       \
+            debug_log_write(LOG_UNIT, function, __LINE__, __VA_ARGS__); \
+    } while (0)
+
+static int change_flags(int fd, bool nonblocking, const char* function) {
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags == -1) {
+        LOG_AS(function, "fcntl error\n");
+        return -1;
+    }
+    const int wanted = nonblocking ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
+    if (fcntl(fd, F_SETFL, wanted) == -1) {
+        LOG_AS(function, "fcntl error\n");
+        return -1;
+    }
+    return 0;
+}
+
+int set_nonblocking(int fd) { return change_flags(fd, true, __func__); }
+int deactivate_nonblock(int fd) { return change_flags(fd, false, __func__); }
+
+// The outcome of a non-blocking connect that is under way.
+static int finish_connect(int fd, int32_t timeout_sec) {
+    timeval wait{timeout_sec, 0};
+    int ready = 0;
+    do {
+        ready = select_single(fd, wait_for::write, &wait);  // Linux leaves the time that remained
+    } while (ready < 0 && errno == EINTR);
+    if (ready == 0) {
+        errno = ETIMEDOUT;
+        return -1;
+    }
+    if (ready < 0) {
+        LOG_AS("connect_timeout", "select error\n");
+        return -1;
+    }
+    int result = 0;
+    int pending = 0;
+    socklen_t length = sizeof pending;
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &length) < 0)
+        result = -1;
+    // Overrides the getsockopt failure on purpose: a zero error word counts as
+    // connected.
+    if (pending != 0) {
+        errno = pending;
+        result = -1;
+    } else {
+        result = 0;
+    }
+    return result;
+}
+
+int connect_timeout(int fd, const sockaddr_in* address, int32_t timeout_sec) {
+    if (timeout_sec != 0 && set_nonblocking(fd) == -1)
+        return -1;
+    int result = connect(fd, reinterpret_cast<const sockaddr*>(address), sizeof(sockaddr_in));
+    if (result < 0 && errno == EINPROGRESS)
+        result = finish_connect(fd, timeout_sec);
+    if (timeout_sec != 0 && deactivate_nonblock(fd) == -1)
+        result = -1;
+    return result;
+}
+
+// ---- close by descriptor ----
+
+using close_procedure = void (*)(lua_State* L, void* record, const char* reason);
+
+struct close_entry {
+    const char* metatable;  // the block must carry it: a record of another kind is never closed
+    close_procedure close;  // null: the kind's close is not part of this build
+};
+
+// Indexed by kind code. The WebSocket and TCP closes plug in here.
+constexpr close_entry close_by_kind[] = {
+    {METATABLE_WS, nullptr},
+    {METATABLE_TCP, [](lua_State* L, void* record, const char* reason) {
+         tcp_do_close(L, static_cast<tcp_record*>(record), reason);
+     }},
+    {METATABLE_UDP, [](lua_State* L, void* record, const char* reason) {
+         udp_do_close(L, static_cast<udp_record*>(record), reason);
+     }},
+};
+static_assert(std::size(close_by_kind) == SOCK_TYPE_UDP + 1);
+
+static bool has_metatable(lua_State* L, int index, const char* name) {
+    if (!lua_getmetatable(L, index))
+        return false;
+    luaL_getmetatable(L, name);
+    const bool same = lua_rawequal(L, -1, -2) != 0;
+    lua_pop(L, 2);
+    return same;
+}
+
+void do_close(lua_State* L, int32_t fd, const char* reason) {
+    const int32_t kind = get_sock_type(L, fd);
+    get_udata_by_sockfd(L, fd);
+    void* record = lua_touserdata(L, -1);
+    if (record == nullptr || kind < 0 || kind >= static_cast<int32_t>(std::size(close_by_kind)))
+        return;
+    const close_entry& entry = close_by_kind[kind];
+    if (entry.close == nullptr || !has_metatable(L, -1, entry.metatable))
+        return;
+    // The block is on the stack until on_close clears it; a kind's close may
+    // still allocate and use the record after that, while on_close may have
+    // replaced the registry entry that was the block's last reference. (A
+    // close that raises leaves this one reference behind.)
+    const int anchor = anchor_value(L, -1);
+    entry.close(L, record, reason);
+    anchor_release(L, anchor);
+}
+
+int anchor_value(lua_State* L, int index) {
+    lua_pushvalue(L, index);
+    return luaL_ref(L, LUA_REGISTRYINDEX);
+}
+
+void anchor_release(lua_State* L, int anchor) { luaL_unref(L, LUA_REGISTRYINDEX, anchor); }
+
+// ---- descriptor sets ----
+
+constexpr std::size_t bits_per_word = sizeof(unsigned long) * CHAR_BIT;
+
+void select_set_clear(select_set& set) {
+    if (set.words != nullptr)
+        std::memset(set.words, 0, set.word_count * sizeof(unsigned long));
+}
+
+static bool select_set_grow(select_set& set, std::size_t word_count) {
+    // at least what an fd_set holds, doubling after that
+    std::size_t wanted = set.word_count == 0 ? FD_SETSIZE / bits_per_word : set.word_count;
+    while (wanted < word_count)
+        wanted *= 2;
+    void* grown = std::realloc(set.words, wanted * sizeof(unsigned long));
+    if (grown == nullptr)
+        return false;
+    set.words = static_cast<unsigned long*>(grown);
+    std::memset(set.words + set.word_count, 0, (wanted - set.word_count) * sizeof(unsigned long));
+    set.word_count = wanted;
+    return true;
+}
+
+bool select_set_add(select_set& set, int fd) {
+    if (fd < 0)
+        return true;
+    const std::size_t word = static_cast<std::size_t>(fd) / bits_per_word;
+    if (word >= set.word_count && !select_set_grow(set, word + 1))
+        return false;
+    set.words[word] |= 1UL << (static_cast<std::size_t>(fd) % bits_per_word);
+    return true;
+}
+
+bool select_set_has(const select_set& set, int fd) {
+    if (fd < 0)
+        return false;
+    const std::size_t word = static_cast<std::size_t>(fd) / bits_per_word;
+    if (word >= set.word_count)
+        return false;
+    return (set.words[word] >> (static_cast<std::size_t>(fd) % bits_per_word)) & 1UL;
+}
+
+fd_set* select_set_fds(select_set& set) { return reinterpret_cast<fd_set*>(set.words); }
+
+int select_single(int fd, wait_for what, timeval* timeout) {
+    static select_set single{};
+    select_set_clear(single);
+    if (fd < 0) {
+        errno = EBADF;
+        return -1;
+    }
+    if (!select_set_add(single, fd)) {
+        errno = ENOMEM;
+        return -1;
+    }
+    fd_set* set = select_set_fds(single);
+    return what == wait_for::read ? select(fd + 1, set, nullptr, nullptr, timeout)
+                                  : select(fd + 1, nullptr, set, nullptr, timeout);
+}
 
 // ---- debug log ----
 

@@ -1,0 +1,198 @@
+// The event loop.
+#include "main_loop.h"
+
+#include <sys/select.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "callbacks.h"
+#include "luacli.h"
+#include "tcp.h"
+#include "udp.h"
+
+#define LOG_UNIT "main_loop"
+// The loop's steps live in small helpers but log as the loop itself.
+#define LOOP_LOG(...)                                                   \
+    do {                                                                \
+        if (debug_log_enabled())                                        \
+            debug_log_write(LOG_UNIT, "main_loop", __LINE__, __VA_ARGS__); \
+    } while (0)
+
+namespace {
+
+constexpr int32_t LOOP_STOP = 0;
+constexpr long TIMER_SLACK_USEC = 2000;
+
+// Receive paths of the stream kinds: the byte count, 0 when the peer closed,
+// or -1 with the error number stored through `error`. Null while the kind is
+// not part of the build: its readable descriptors are skipped.
+using stream_receive = int (*)(lua_State* L, int32_t fd, char* buffer, int* error);
+// Indexed by kind code; the WebSocket and TCP receive paths plug in here.
+constexpr stream_receive stream_receivers[] = {
+    nullptr,  // SOCK_TYPE_WS
+    [](lua_State* L, int32_t fd, char*, int* error) -> int { return tcp_recv(L, fd, error); },  // SOCK_TYPE_TCP
+};
+static_assert(SOCK_TYPE_WS == 0 && SOCK_TYPE_TCP == 1);
+
+// Read and error sets shared by every run; see `select_generation`.
+select_set read_fds{};
+select_set error_fds{};
+// Counts the loop's select() calls. A run nested inside a callback rebuilds
+// the shared sets; the outer walk notices the change and leaves the rest of
+// its pass to the next pass (select() is level-triggered, nothing is lost).
+unsigned long select_generation = 0;
+
+char* loop_buffer() {
+    static char* buffer = static_cast<char*>(std::calloc(LOOP_BUFFER_SIZE + 1, 1));
+    return buffer;
+}
+
+void run_periodic(lua_State* L, int32_t calls_per_tick) {
+    LOOP_LOG("will Do Main loop, try to get lua loop callback function!\n");
+    for (int32_t call = 0; call < calls_per_tick; ++call) {
+        lua_getfield(L, LUA_REGISTRYINDEX, "main_loop");
+        LOOP_LOG("will Do Main loop\n");
+        lua_call(L, 0, 0);  // unprotected: its errors end the loop
+        lua_settop(L, 0);
+        LOOP_LOG("<-- %s out stack len is %d -->\n", "main_loop", lua_gettop(L));
+    }
+}
+
+void report_and_close(lua_State* L, int32_t fd) {
+    error_callback(L, fd, errno, std::strerror(errno));
+    do_close(L, fd, std::strerror(errno));  // errno as on_error left it
+    lua_settop(L, 0);
+}
+
+// A failed select() other than EINTR: every slot, occupied or not, gets
+// on_error and a close. The table closes up under the sweep and empty slots
+// reach do_close with descriptor 0, whose kind lookup raises.
+int fatal_sweep(lua_State* L) {
+    LOOP_LOG("Main select error\n");
+    for (int slot = 0; slot < SOCKET_TABLE_SIZE; ++slot) {
+        error_callback(L, socktbl[slot], errno, std::strerror(errno));
+        do_close(L, socktbl[slot], std::strerror(errno));
+        lua_settop(L, 0);
+    }
+    LOOP_LOG("Main return -1\n");
+    return -1;
+}
+
+void receive_stream(lua_State* L, int32_t fd, stream_receive receive, char* buffer) {
+    int error = 0;
+    const int received = receive(L, fd, buffer, &error);
+    const bool failed = received == 0 || (received == -1 && error != EINTR && error != EAGAIN);
+    if (!failed)
+        return;
+    LOOP_LOG("Main receive len is %d, err_no: %d, errstr: %s\n", received, error, std::strerror(error));
+    LOOP_LOG("EINTR is %d, EAGAIN is %d\n", EINTR, EAGAIN);
+    report_and_close(L, fd);
+    LOOP_LOG("Main return %d\n", received);
+}
+
+void serve_readable(lua_State* L, int32_t fd, char* buffer) {
+    LOOP_LOG("Main select receive\n");
+    const int32_t kind = get_sock_type(L, fd);
+    if (kind == SOCK_TYPE_WS || kind == SOCK_TYPE_TCP) {
+        const stream_receive receive = stream_receivers[kind];
+        if (receive != nullptr)
+            receive_stream(L, fd, receive, buffer);
+    } else if (kind == SOCK_TYPE_UDP) {
+        LOOP_LOG("will do udp recv\n");
+        udp_recv(L, fd);
+    }
+    lua_settop(L, 0);  // the kind lookup leaves two values; keep the stack bounded
+}
+
+// Serves the descriptors select() reported. Callbacks may close sockets: the
+// table closes up, and the socket that moved into a freed slot waits for the
+// next pass.
+void walk_ready(lua_State* L, char* buffer) {
+    const unsigned long generation = select_generation;
+    for (int slot = 0; slot < SOCKET_TABLE_SIZE && socktbl[slot] != 0; ++slot) {
+        const int32_t fd = socktbl[slot];
+        const bool readable = select_set_has(read_fds, fd);
+        if (!readable && select_set_has(error_fds, fd)) {
+            LOOP_LOG("Main switch come in error\n");
+            report_and_close(L, fd);
+            LOOP_LOG("Main return -1\n");
+        } else if (readable) {
+            serve_readable(L, fd, buffer);
+        } else {
+            continue;
+        }
+        if (select_generation != generation)
+            break;  // a nested run reused the sets
+    }
+    LOOP_LOG("switch readable break\n");
+}
+
+bool loop_continues(lua_State* L) {
+    LOOP_LOG("Main check loop_continue\n");
+    lua_getfield(L, LUA_REGISTRYINDEX, "loop_ctl");
+    const int32_t loop_continue = number_to_int32(lua_tonumber(L, -1));
+    lua_settop(L, 0);  // nothing clears the stack on a quiet pass
+    LOOP_LOG("loop_continue is %d\n", loop_continue);
+    LOOP_LOG("loop_continue == LOOP_STOP is %d\n", loop_continue == LOOP_STOP);
+    return loop_continue != LOOP_STOP;
+}
+
+}  // namespace
+
+int add_select_fds(select_set& read_set, select_set& error_set) {
+    select_set_clear(read_set);
+    select_set_clear(error_set);
+    int highest = -1;
+    for (int slot = 0; slot < SOCKET_TABLE_SIZE && socktbl[slot] != 0; ++slot) {
+        const int32_t fd = socktbl[slot];
+        if (!select_set_add(read_set, fd) || !select_set_add(error_set, fd)) {
+            errno = ENOMEM;
+            return -2;
+        }
+        if (fd > highest)
+            highest = fd;
+        WS_LOG("Now has sockfd %d\n", fd);
+    }
+    return highest;
+}
+
+int main_loop(lua_State* L, int32_t calls_per_tick, int32_t interval_sec) {
+    char* buffer = loop_buffer();
+    if (buffer == nullptr) {
+        WS_LOG("Main return -1\n");
+        return -1;
+    }
+    timeval timeout{interval_sec, TIMER_SLACK_USEC};
+    for (;;) {
+        WS_LOG("\n\nmain loop, timeout.tv_sec = %d\n\n", static_cast<int>(timeout.tv_sec));
+        WS_LOG("\n\n\nmain loop, timeout.tv_sec == 0 is %d\n\n\n", timeout.tv_sec == 0);
+        // Linux select() leaves the time that remained in `timeout`: the
+        // periodic function runs once less than a whole second is left.
+        if (timeout.tv_sec == 0) {
+            timeout = {interval_sec, TIMER_SLACK_USEC};
+            run_periodic(L, calls_per_tick);
+        }
+        const int highest = add_select_fds(read_fds, error_fds);
+        ++select_generation;
+        const int ready = highest == -2 ? -1
+                                        : select(highest + 1, select_set_fds(read_fds), nullptr,
+                                                 select_set_fds(error_fds), &timeout);
+        if (ready < 0 && errno == EINTR) {
+            WS_LOG("Main select error\n");
+            WS_LOG("EINTR error, just break, %s\n", std::strerror(errno));
+        } else if (ready < 0) {
+            return fatal_sweep(L);
+        } else if (ready == 0) {
+            timeout.tv_sec = 0;
+            WS_LOG("Main select timeout break\n");
+        } else {
+            walk_ready(L, buffer);
+        }
+        if (!loop_continues(L)) {
+            WS_LOG("main loop out\n");
+            return 1;
+        }
+    }
+}

@@ -1,0 +1,108 @@
+// UDP socket work: create, send, receive, close.
+#include "udp.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "callbacks.h"
+#include "luacli.h"
+#include "tools.h"
+
+#define LOG_UNIT "udp"
+
+udp_record* udp_init(lua_State*, udp_record* record) {
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0) {
+        WS_LOG("UDP socket create error\n");
+        return nullptr;
+    }
+    record->sockfd = fd;
+    return record;
+}
+
+// The registered record's status; -1 when nothing usable is registered.
+static int32_t registered_status(lua_State* L) {
+    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
+        return -1;
+    return static_cast<const sock_header*>(lua_touserdata(L, -1))->status;
+}
+
+static bool has_options_table(lua_State* L, int32_t fd) {
+    const registry_key key = sockfd_key(fd);
+    lua_getfield(L, LUA_REGISTRYINDEX, key.text);
+    const bool found = lua_istable(L, -1);
+    lua_pop(L, 1);
+    return found;
+}
+
+int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* ip, int32_t port) {
+    WS_LOG("come in udp send\n");
+    const int32_t fd = record->sockfd;
+    get_udata_by_sockfd(L, fd);  // stays on the stack
+    const int32_t registered = registered_status(L);
+    const bool missing = lua_type(L, -1) != LUA_TUSERDATA;
+    if (record->status == UDP_STATUS_CREATED || registered == UDP_STATUS_CLOSED || missing) {
+        // A never-registered socket reports through get_cb, which raises when
+        // nothing is registered. A missing registration behind an open status
+        // (the script's copy after its own close: descriptor -1) has no
+        // options table to report through, so it is refused quietly.
+        const bool report = record->status == UDP_STATUS_CREATED || !missing || has_options_table(L, fd);
+        if (report)
+            error_callback(L, fd, -1, "Socket has been closed!");
+        WS_LOG("ERROR: socket has been closed\n");
+        return -1;
+    }
+    if (data == nullptr || ip == nullptr) {
+        WS_LOG("ERROR: data and address must be text\n");
+        return -1;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = inet_addr(ip);
+    return static_cast<int>(sendto(fd, data, std::strlen(data), 0, reinterpret_cast<const sockaddr*>(&address),
+                                   sizeof address));
+}
+
+// One receive buffer for every UDP socket, allocated on first use. It has a
+// spare byte for the terminator, so only the received bytes are ever written.
+static char* receive_buffer() {
+    static char* buffer = static_cast<char*>(std::malloc(UDP_RECV_CAPACITY + 1));
+    return buffer;
+}
+
+int udp_recv(lua_State* L, int32_t fd) {
+    char* buffer = receive_buffer();
+    if (buffer == nullptr)
+        return -1;
+    sockaddr_in source{};
+    socklen_t length = sizeof source;
+    char from[INET_ADDRSTRLEN] = {};
+    int port = -1;
+    // MSG_DONTWAIT: a callback earlier in the same pass may have closed this
+    // descriptor and a new socket reused the number; it must not block then.
+    const ssize_t received = recvfrom(fd, buffer, UDP_RECV_CAPACITY, MSG_DONTWAIT,
+                                      reinterpret_cast<sockaddr*>(&source), &length);
+    if (received >= 0) {
+        buffer[received] = '\0';
+        std::strncpy(from, inet_ntoa(source.sin_addr), sizeof from - 1);
+        port = ntohs(source.sin_port);
+        WS_LOG("receive from %s:%d, %d\n", from, port, source.sin_port);
+        receive_callback(L, fd, buffer, from, port);
+    }
+    return static_cast<int>(received);
+}
+
+void udp_do_close(lua_State* L, udp_record* record, const char* reason) {
+    const int32_t fd = record->sockfd;
+    sock_rem(fd);
+    close(fd);
+    close_callback(L, fd, reason);
+    record->sockfd = -1;
+}
