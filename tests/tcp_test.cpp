@@ -356,3 +356,35 @@ TEST_F(TcpClientTest, ResponseLargerThanTheBufferIsCutAtItsCapacity) {
     EXPECT_LT(n, static_cast<double>(TCP_RECV_BUFFER_SIZE));
     EXPECT_EQ(global_number("len"), n);
 }
+
+// ---- through the main loop ----
+
+TEST_F(TcpClientTest, LoopDeliversTheResponseThenClosesOnEndOfStream) {
+    std::string request;
+    peers::tcp_peer peer([&request](int fd) {
+        char buffer[256];
+        const ssize_t got = recv(fd, buffer, sizeof buffer, 0);  // the request, then the answer
+        if (got > 0)
+            request.assign(buffer, static_cast<std::size_t>(got));
+        peers::send_all(fd, kChunked73);
+    });
+    set_port("port", peer.port());
+    LUA_OK(R"(
+        local o = opts(port)
+        o.on_close = function(reason) note("close:" .. reason); ws.loop_stop() end
+        conn = ws.tcp_connect(ws.tcp_new(), o)
+        fd = tcp_fd(conn)
+        ws.tcp_send(conn, "GET / HTTP/1.1\r\n\r\n")
+        local started = os.time()
+        ws.loop_start(function() if os.time() - started > 5 then timed_out = true; ws.loop_stop() end end, 1, 0)
+        st = tcp_status(conn)
+    )");
+    peer.join();
+    EXPECT_EQ(request, "GET / HTTP/1.1\r\n\r\n");
+    EXPECT_EQ(global_string("timed_out"), "(nil)");
+    EXPECT_EQ(global_string("message"), "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nhello world\r\n");
+    // End of stream: on_error with errno and its text, then the close.
+    EXPECT_THAT(events(), ::testing::MatchesRegex("open\\|message\\|error:[0-9]+:[^|]*\\|close:.*"));
+    EXPECT_EQ(global_number("st"), TCP_STATUS_CLOSED);
+    EXPECT_TRUE(table_contents().empty());
+}
