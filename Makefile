@@ -39,6 +39,8 @@ bench: deps
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
 	$(BENCH_BUILD)/bench/ws_client_bench
 	$(BENCH_BUILD)/bench/udp_roundtrip_bench
+	$(BENCH_BUILD)/bench/chunked_bench
+	$(BENCH_BUILD)/bench/tcp_roundtrip_bench
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)

@@ -109,8 +109,8 @@ int format_handshake_request(std::span<char> out, const char* path, const char* 
 int check_ws_accept(const ws_record* ws, const char* answer) {
     const char* header = std::strstr(answer, kAcceptHeader);
     WS_LOG("ws_accept is %s\n", header != nullptr ? header : "(null)");
-    if (header == nullptr)
-        return -1;  // nothing to search from: a mismatch
+    if (header == nullptr || ws->sec_ws_accept[0] == '\0')
+        return -1;  // nothing to search from, or nothing to search for: a mismatch
     return std::strstr(header, ws->sec_ws_accept) != nullptr ? 0 : -1;
 }
 
@@ -125,10 +125,12 @@ int handshake_result(ws_record* ws) {
         return -1;
     const std::size_t limit = kAnswerCapacity - 1;
     ssize_t nread;
-    if (ws->is_secure == 1)
-        nread = SSL_read(ws->ssl, answer, static_cast<int>(limit));
-    else
+    if (ws->is_secure == 1) {
+        SSL* ssl = tls_session(*ws);
+        nread = ssl != nullptr ? SSL_read(ssl, answer, static_cast<int>(limit)) : -1;
+    } else {
         nread = recv(ws->sockfd, answer, limit, 0);
+    }
     // a failed read counts as an empty answer; the checks below then refuse it
     answer[nread > 0 ? nread : 0] = '\0';
     WS_LOG("handshake_result is:\n%s\n", answer);
@@ -154,10 +156,12 @@ int do_handshake(ws_record* ws, const char* host, const char* path) {
         return -1;
     WS_LOG("handshake str is\n%s\n", request);
     ssize_t sent;
-    if (ws->is_secure == 1)
-        sent = SSL_write(ws->ssl, request, length);
-    else
+    if (ws->is_secure == 1) {
+        SSL* ssl = tls_session(*ws);
+        sent = ssl != nullptr ? SSL_write(ssl, request, length) : -1;
+    } else {
         sent = send(ws->sockfd, request, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+    }
     if (sent == -1)
         return -1;
     const int result = handshake_result(ws);

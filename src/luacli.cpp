@@ -12,6 +12,7 @@
 
 #include "callbacks.h"
 #include "main_loop.h"
+#include "tcp.h"
 #include "tools.h"
 #include "udp.h"
 #include "ws_connect.h"
@@ -100,17 +101,6 @@ void* new_record_block(lua_State* L, std::size_t size, const char* metatable) {
     lua_setmetatable(L, -2);
     return block;
 }
-
-// ---- bindings not yet in this build ----
-
-static int not_available(lua_State* L, const char* name) {
-    return luaL_error(L, "ws_client.%s is not available in this build", name);
-}
-
-static int tcp_new(lua_State* L) { return not_available(L, "tcp_new"); }
-static int tcp_connect(lua_State* L) { return not_available(L, "tcp_connect"); }
-static int tcp_do_send(lua_State* L) { return not_available(L, "tcp_send"); }
-static int lua_close_tcp(lua_State* L) { return not_available(L, "tcp_close"); }
 
 // ---- WebSocket ----
 
@@ -289,6 +279,70 @@ static int timeout_lua_sleep(lua_State* L) {
     // a signal does not shorten the sleep: the remaining time is slept
     while (nanosleep(&wanted, &remaining) != 0 && errno == EINTR)
         wanted = remaining;
+    return 0;
+}
+
+// ---- TCP bindings ----
+
+static int tcp_new(lua_State* L) {
+    auto* record = static_cast<tcp_record*>(new_record_block(L, sizeof(tcp_record), METATABLE_TCP));
+    if (tcp_init(L, record) == nullptr)
+        lua_pushnil(L);  // the object stays below; the script gets nil
+    record->sock_type = SOCK_TYPE_TCP;
+    WS_LOG(">>> tcp sockfd is %d\n", record->sockfd);
+    return 1;
+}
+
+static int tcp_connect(lua_State* L) {
+    tcp_record* record = check_tcp_client(L, 1);
+    get_tbl_num(L, -2, "port", &record->port);
+    WS_LOG("port %d\n", record->port);
+    get_tbl_str(L, -2, "ip", record->ip);
+    WS_LOG("ip %s\n", record->ip);
+    get_tbl_str(L, -2, "crt", record->crt);
+    WS_LOG("crt %s\n", record->crt);
+    get_tbl_str(L, -2, "prikey", record->prikey);
+    WS_LOG("prikey %s\n", record->prikey);
+    get_tbl_num(L, -2, "is_secure", &record->is_secure);
+    WS_LOG("is_secure %d\n", record->is_secure);
+    registry_store_top(L, sockfd_key(record->sockfd));  // the options table
+
+    if (do_tcp_connect(L, record) == -1) {
+        lua_pushnil(L);
+        return 1;
+    }
+    const int32_t fd = record->sockfd;
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now");
+        if (close(fd) == -1)
+            WS_LOG("close %d: %s\n", fd, std::strerror(errno));
+        lua_pushnil(L);  // the record keeps its descriptor number and status
+        return 1;
+    }
+    record->status = TCP_STATUS_OPEN;
+    lua_settop(L, 1);
+    registry_store_top(L, udata_key(fd));
+    WS_LOG("Will do on open\n");
+    tcp_connect_callback(L, record);
+    WS_LOG("Connect callback out\n");
+    // on_open may have closed or replaced the object: return what is registered.
+    get_udata_by_sockfd(L, fd);
+    return 1;
+}
+
+static int tcp_do_send(lua_State* L) {
+    WS_LOG("TCP Do send...\n");
+    tcp_record* record = check_tcp_client(L, 1);
+    const char* data = luaL_checklstring(L, 2, nullptr);  // numbers become their text
+    const int32_t result = tcp_send(L, record, data);
+    lua_pushnumber(L, result);
+    return 1;
+}
+
+static int lua_close_tcp(lua_State* L) {
+    auto* record = static_cast<tcp_record*>(luaL_checkudata(L, 1, METATABLE_TCP));
+    if (record != nullptr)
+        tcp_do_close(L, record, "User do close");
     return 0;
 }
 

@@ -9,6 +9,7 @@
 
 #include "callbacks.h"
 #include "luacli.h"
+#include "tcp.h"
 #include "udp.h"
 #include "ws_connect.h"
 
@@ -32,7 +33,7 @@ using stream_receive = int (*)(lua_State* L, int32_t fd, char* buffer, int* erro
 // Indexed by kind code; the WebSocket and TCP receive paths plug in here.
 constexpr stream_receive stream_receivers[] = {
     ws_recv,  // SOCK_TYPE_WS
-    nullptr,  // SOCK_TYPE_TCP
+    [](lua_State* L, int32_t fd, char*, int* error) -> int { return tcp_recv(L, fd, error); },  // SOCK_TYPE_TCP
 };
 static_assert(SOCK_TYPE_WS == 0 && SOCK_TYPE_TCP == 1);
 

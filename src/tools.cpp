@@ -1,12 +1,17 @@
-// Registry lookups and the debug log.
+// Registry lookups, TLS session set-up and ownership, and the debug log.
 #include "tools.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
@@ -14,7 +19,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
+#include "tcp.h"
 #include "udp.h"
 #include "ws_connect.h"
 
@@ -161,7 +168,9 @@ constexpr close_entry close_by_kind[] = {
     {METATABLE_WS, [](lua_State* L, void* record, const char* reason) {
          ws_do_close(L, static_cast<ws_record*>(record), reason);
      }},
-    {METATABLE_TCP, nullptr},
+    {METATABLE_TCP, [](lua_State* L, void* record, const char* reason) {
+         tcp_do_close(L, static_cast<tcp_record*>(record), reason);
+     }},
     {METATABLE_UDP, [](lua_State* L, void* record, const char* reason) {
          udp_do_close(L, static_cast<udp_record*>(record), reason);
      }},
@@ -307,6 +316,214 @@ void debug_log_write(const char* unit, const char* function, int line, const cha
     va_end(args);
     std::fclose(file);
     errno = saved_errno;
+}
+
+// ---- TLS session ownership ----
+
+namespace {
+
+struct tls_entry {
+    uint64_t serial;
+    SSL* ssl;
+    SSL_CTX* ctx;
+};
+
+// Sorted by serial: serials only grow, so entries are appended in order.
+std::vector<tls_entry> live_sessions;
+uint64_t last_serial = 0;
+
+tls_entry* find_session(uint64_t serial) {
+    if (serial == 0)
+        return nullptr;
+    auto it = std::lower_bound(live_sessions.begin(), live_sessions.end(), serial,
+                               [](const tls_entry& entry, uint64_t wanted) { return entry.serial < wanted; });
+    return it != live_sessions.end() && it->serial == serial ? &*it : nullptr;
+}
+
+}  // namespace
+
+uint64_t tls_adopt(SSL_CTX* ctx) {
+    live_sessions.push_back({++last_serial, nullptr, ctx});
+    return last_serial;
+}
+
+void tls_adopt_session(uint64_t serial, SSL* ssl) {
+    if (tls_entry* entry = find_session(serial))
+        entry->ssl = ssl;
+}
+
+bool tls_live(uint64_t serial) { return find_session(serial) != nullptr; }
+
+void tls_release(uint64_t serial) {
+    tls_entry* entry = find_session(serial);
+    if (entry == nullptr)
+        return;
+    if (entry->ssl != nullptr)
+        SSL_free(entry->ssl);  // no close-notify: the peer learns from the descriptor
+    if (entry->ctx != nullptr)
+        SSL_CTX_free(entry->ctx);
+    live_sessions.erase(live_sessions.begin() + (entry - live_sessions.data()));
+}
+
+std::size_t tls_live_count() { return live_sessions.size(); }
+
+// ---- TLS transport without SIGPIPE ----
+// Writes go through send(MSG_NOSIGNAL) so that a reset peer yields EPIPE on
+// the write instead of a signal that would kill the host process; the
+// process's signal disposition is left alone.
+
+namespace {
+
+int bio_descriptor(BIO* bio) { return static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio))); }
+
+int nosignal_write(BIO* bio, const char* data, int length) {
+    const ssize_t written = send(bio_descriptor(bio), data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+    BIO_clear_retry_flags(bio);
+    if (written < 0 && BIO_sock_should_retry(-1))
+        BIO_set_retry_write(bio);
+    return static_cast<int>(written);
+}
+
+int socket_read(BIO* bio, char* out, int length) {
+    const ssize_t got = recv(bio_descriptor(bio), out, static_cast<std::size_t>(length), 0);
+    BIO_clear_retry_flags(bio);
+    if (got == 0)
+        BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+    else if (got < 0 && BIO_sock_should_retry(-1))
+        BIO_set_retry_read(bio);
+    return static_cast<int>(got);
+}
+
+int socket_puts(BIO* bio, const char* text) { return nosignal_write(bio, text, static_cast<int>(std::strlen(text))); }
+
+long socket_ctrl(BIO* bio, int command, long, void* out) {
+    switch (command) {
+    case BIO_C_GET_FD:
+        if (out != nullptr)
+            *static_cast<int*>(out) = bio_descriptor(bio);
+        return bio_descriptor(bio);
+    case BIO_CTRL_FLUSH:
+        return 1;
+    case BIO_CTRL_EOF:
+        return BIO_test_flags(bio, BIO_FLAGS_IN_EOF) != 0 ? 1 : 0;
+    default:
+        return 0;
+    }
+}
+
+// Made once and kept for the life of the process.
+const BIO_METHOD* nosignal_socket_method() {
+    static BIO_METHOD* method = [] {
+        BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR,
+                                        "socket without SIGPIPE");
+        if (made != nullptr && (BIO_meth_set_write(made, nosignal_write) != 1 ||
+                                BIO_meth_set_read(made, socket_read) != 1 ||
+                                BIO_meth_set_puts(made, socket_puts) != 1 ||
+                                BIO_meth_set_ctrl(made, socket_ctrl) != 1)) {
+            BIO_meth_free(made);
+            made = nullptr;
+        }
+        return made;
+    }();
+    return method;
+}
+
+// Binds ssl to the descriptor for reading and writing; 0 on failure, as
+// SSL_set_fd reports it.
+int bind_descriptor(SSL* ssl, int fd) {
+    const BIO_METHOD* method = nosignal_socket_method();
+    if (method == nullptr)
+        return 0;
+    BIO* bio = BIO_new(method);
+    if (bio == nullptr)
+        return 0;
+    BIO_set_data(bio, reinterpret_cast<void*>(static_cast<intptr_t>(fd)));
+    BIO_set_init(bio, 1);
+    SSL_set_bio(ssl, bio, bio);  // one reference, owned by ssl
+    return 1;
+}
+
+// ---- TLS session set-up ----
+// The shared steps return the failure's log text (null on success) so that
+// each log line names the public procedure that failed.
+
+template <typename Record>
+const char* new_client_context(Record& record) {
+    // Repeated on every set-up on purpose; cheap once the library is up.
+    SSL_library_init();
+    OPENSSL_add_all_algorithms_noconf();
+    SSL_load_error_strings();
+    tls_release_record(record);  // a reconnected record gives up its old session
+    record.ssl_ctx = SSL_CTX_new(SSLv23_method());
+    if (record.ssl_ctx == nullptr) {
+        ERR_clear_error();
+        return "SSL context create fail!\n";
+    }
+    record.tls_serial = tls_adopt(record.ssl_ctx);
+    return nullptr;
+}
+
+template <typename Record>
+const char* connect_session(Record& record) {
+    SSL_CTX* ctx = tls_live(record.tls_serial) ? record.ssl_ctx : nullptr;
+    record.ssl = ctx != nullptr ? SSL_new(ctx) : nullptr;
+    const char* failure = nullptr;
+    if (record.ssl == nullptr) {
+        failure = "error creating SSL\n";
+    } else {
+        tls_adopt_session(record.tls_serial, record.ssl);
+        if (bind_descriptor(record.ssl, record.sockfd) == 0)
+            failure = "can't set SSL socket\n";
+        else if (SSL_connect(record.ssl) <= 0)  // blocking: waits for the whole handshake
+            failure = "fail to connect ssl\n";
+    }
+    if (failure != nullptr)
+        ERR_clear_error();  // the queue is not read; keep it from piling up
+    return failure;
+}
+
+}  // namespace
+
+int wss_ssl_init(ws_record* record) {
+    if (const char* failure = new_client_context(*record)) {
+        WS_LOG("%s", failure);
+        return -1;
+    }
+    return 0;
+}
+
+int tcp_ssl_init(tcp_record* record) {
+    if (const char* failure = new_client_context(*record)) {
+        WS_LOG("%s", failure);
+        return -1;
+    }
+    if (SSL_CTX_use_certificate_chain_file(record->ssl_ctx, record->crt) != 1) {
+        ERR_clear_error();
+        WS_LOG("SSL loading private key error\n");  // names the key although the chain failed: kept so
+        return -1;
+    }
+    if (SSL_CTX_use_PrivateKey_file(record->ssl_ctx, record->prikey, SSL_FILETYPE_PEM) != 1) {
+        ERR_clear_error();
+        WS_LOG("error loading private key\n");
+        return -1;
+    }
+    return 0;
+}
+
+int wss_ssl_connect(ws_record* record) {
+    if (const char* failure = connect_session(*record)) {
+        WS_LOG("%s", failure);
+        return -1;
+    }
+    return 0;
+}
+
+int tcp_ssl_connect(tcp_record* record) {
+    if (const char* failure = connect_session(*record)) {
+        WS_LOG("%s", failure);
+        return -1;
+    }
+    return 0;
 }
 
 // ---- WebSocket URLs ----

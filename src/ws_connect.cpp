@@ -25,8 +25,9 @@ namespace {
 
 constexpr const char* CLOSED_TEXT = "Socket has been closed!";
 
-// The record's TLS session, null when it has none.
-SSL* session_of(const ws_record& ws) { return ws.ssl; }
+// The record's TLS session; null when it has none or another copy of the
+// record released it.
+SSL* session_of(const ws_record& ws) { return tls_session(ws); }
 
 // A report needs the options table registered for the descriptor. A record
 // closed before has descriptor -1, for which none is ever registered: such
@@ -335,9 +336,10 @@ int do_new_connect(lua_State* L, ws_record* ws) {
         return fail_connect(L, ws, "wrong websocket url!", "wrong websocket url!");
     }
     ws->status = WS_STATUS_CONNECTING;
-    if (ws->is_secure == 1) {
+    if (ws->is_secure == 1 && wss_ssl_init(ws) == -1) {
+        fail_connect(L, ws, "ssl init fail!", "ssl init fail");
         WS_LOG("ssl init fail\n");
-        return fail_connect(L, ws, "ssl init fail!", "ssl init fail");
+        return -1;
     }
 
     char url[TEXT_FIELD_SIZE];
@@ -368,6 +370,11 @@ int do_new_connect(lua_State* L, ws_record* ws) {
     address.sin_addr.s_addr = inet_addr(server_ip);
     if (connect_timeout(ws->sockfd, &address, ws->timeout) == -1)
         return fail_connect(L, ws, std::strerror(errno), nullptr);
+    if (ws->is_secure == 1 && wss_ssl_connect(ws) == -1) {
+        fail_connect(L, ws, "ssl connect fail!", "ssl_connect_fail");
+        WS_LOG("ssl_connect_fail\n");
+        return -1;
+    }
 
     WS_LOG("will do handshake\n");
     if (do_handshake(ws, host, path) == -1) {
@@ -379,18 +386,17 @@ int do_new_connect(lua_State* L, ws_record* ws) {
 
 void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     WS_LOG("will do ws_do_close\n");
-    if (ws->ssl != nullptr) {
+    // A copy whose session went with another copy's close is closed already:
+    // its descriptor is -1 from here on.
+    tls_settle_stale_copy(*ws);
+    if (tls_live(ws->tls_serial)) {
         WS_LOG("ssl_free -\n");
-        SSL_free(ws->ssl);
-        WS_LOG("ssl_free +\n");
-        ws->ssl = nullptr;
-    }
-    if (ws->ssl_ctx != nullptr) {
         WS_LOG("ssl_ctx_free -\n");
-        SSL_CTX_free(ws->ssl_ctx);
+        tls_release_record(*ws);  // session, then context; no close-notify is sent
         WS_LOG("ssl_ctx_free +\n");
-        ws->ssl_ctx = nullptr;
     }
+    ws->ssl = nullptr;
+    ws->ssl_ctx = nullptr;
     if (ws->status == WS_STATUS_OPEN)
         sock_rem(ws->sockfd);  // other statuses leave the table alone, deliberately
     if (ws->sockfd != -1) {
@@ -407,6 +413,7 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
 
 int ws_send(lua_State* L, ws_record* ws, const char* data) {
     WS_LOG(">>> send <<<\n");
+    tls_settle_stale_copy(*ws);
     const int32_t fd = ws->sockfd;
     if (is_closed(*ws, push_registered(L, fd))) {
         report_closed(L, fd);
@@ -469,6 +476,7 @@ int ws_send(lua_State* L, ws_record* ws, const char* data) {
 }
 
 void ws_send_close(lua_State* L, ws_record* ws) {
+    tls_settle_stale_copy(*ws);
     const int32_t fd = ws->sockfd;
     if (is_closed(*ws, push_registered(L, fd))) {
         report_closed(L, fd);

@@ -1,0 +1,274 @@
+// TCP client: connect, close, send and the receive path.
+#include "tcp.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <string_view>
+
+#include "callbacks.h"
+#include "chunked.h"
+#include "luacli.h"
+#include "tools.h"
+
+#define LOG_UNIT "tcp"
+
+namespace {
+
+// Reads are asked for at most this much so that a chunk always leaves room
+// for a terminator; the read loop stops once fewer than this many bytes of
+// capacity are left.
+constexpr std::size_t READ_CHUNK = 2048;
+
+// The receive buffer and the decoded body: capacities, allocated on first
+// use and kept. Only the bytes a delivery uses are ever written.
+struct receive_buffers {
+    char received[TCP_RECV_BUFFER_SIZE];
+    char body[TCP_RECV_BUFFER_SIZE];
+};
+
+receive_buffers& buffers() {
+    static receive_buffers* allocated = new receive_buffers;  // uninitialised on purpose
+    return *allocated;
+}
+
+// Keeps the object that holds `record` alive across on_error, which empties
+// the stack (and whose script may drop every other reference). The object
+// must be on the stack at the call: the script bindings have it there as
+// argument 1. LUA_NOREF when absent.
+int anchor_record(lua_State* L, const void* record) {
+    for (int index = lua_gettop(L); index > 0; --index) {
+        if (lua_type(L, index) == LUA_TUSERDATA && lua_touserdata(L, index) == record) {
+            lua_pushvalue(L, index);
+            return luaL_ref(L, LUA_REGISTRYINDEX);
+        }
+    }
+    return LUA_NOREF;
+}
+
+// Puts the object back on the stack for the close that follows (which
+// keeps it there through on_close) and drops the anchor, so that a close
+// that raises (a record already closed from inside on_error) leaks nothing.
+void unanchor_onto_stack(lua_State* L, int reference) {
+    if (reference == LUA_NOREF)
+        return;
+    lua_rawgeti(L, LUA_REGISTRYINDEX, reference);
+    luaL_unref(L, LUA_REGISTRYINDEX, reference);
+}
+
+// on_error(errno, message), then the close with `reason` (null: the text of
+// errno as on_error left it).
+void report_and_close(lua_State* L, tcp_record* record, const char* message, const char* reason) {
+    const int anchor = anchor_record(L, record);
+    error_callback(L, record->sockfd, errno, message);
+    unanchor_onto_stack(L, anchor);
+    tcp_do_close(L, record, reason != nullptr ? reason : std::strerror(errno));
+}
+
+// The object registered for fd, when it is a socket record; null otherwise.
+// The value stays on the stack.
+const sock_header* push_registered_record(lua_State* L, int32_t fd) {
+    get_udata_by_sockfd(L, fd);
+    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
+        return nullptr;
+    return static_cast<const sock_header*>(lua_touserdata(L, -1));
+}
+
+}  // namespace
+
+// ---- connect and close ----
+
+tcp_record* tcp_init(lua_State*, tcp_record* record) {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (fd == -1) {
+        WS_LOG("UDP socket create error\n");  // says UDP: kept as it always was
+        return nullptr;
+    }
+    WS_LOG("tcp sockfd init is %d\n", fd);
+    // 9 lies outside what F_SETFL changes on Linux: the socket stays blocking.
+    const int flags = fcntl(fd, F_GETFL, 0);
+    if (flags == -1 || fcntl(fd, F_SETFL, flags | 9) == -1) {
+        WS_LOG("fcntl error\n");
+        close(fd);
+        return nullptr;
+    }
+    record->sockfd = fd;
+    record->status = TCP_STATUS_CREATED;
+    record->ssl = nullptr;
+    record->ssl_ctx = nullptr;
+    record->tls_serial = 0;
+    return record;
+}
+
+int do_tcp_connect(lua_State* L, tcp_record* record) {
+    WS_LOG("Come in connect\n");
+    record->status = TCP_STATUS_CONNECTING;
+    const bool secure = record->is_secure == 1;
+    if (secure && tcp_ssl_init(record) == -1) {
+        report_and_close(L, record, "ssl init fail", "ssl init fail");
+        WS_LOG("ssl init fail\n");
+        return -1;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(record->port & 0xffff));
+    address.sin_addr.s_addr = inet_addr(record->ip);  // no name resolution: a name gives all ones
+    if (connect(record->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
+        report_and_close(L, record, std::strerror(errno), nullptr);
+        return -1;
+    }
+    if (secure && tcp_ssl_connect(record) == -1) {
+        report_and_close(L, record, "ssl_connect_fail", "ssl_connect_fail");
+        WS_LOG("ssl_connect_fail\n");
+        return -1;
+    }
+    return 1;
+}
+
+void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
+    WS_LOG("will do tcp close\n");
+    tls_settle_stale_copy(*record);
+    tls_release_record(*record);  // no close-notify is sent
+    if (record->status == TCP_STATUS_OPEN)
+        sock_rem(record->sockfd);
+    if (record->sockfd != -1) {
+        if (close(record->sockfd) == -1)
+            WS_LOG("close %d: %s\n", record->sockfd, std::strerror(errno));
+        tcp_udata_close(L, record->sockfd);
+    }
+    // The object stays on the stack below on_close's call, and nothing can
+    // collect it between the callback's stack clear and this write.
+    close_callback(L, record->sockfd, reason);
+    record->sockfd = -1;
+}
+
+// ---- send ----
+
+int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
+    WS_LOG("Come in tcp send\n");
+    tls_settle_stale_copy(*record);
+    const sock_header* registered = push_registered_record(L, record->sockfd);
+    SSL* ssl = record->is_secure == 1 ? tls_session(*record) : nullptr;
+    const bool closed = record->status == TCP_STATUS_CREATED || registered == nullptr ||
+                        registered->status == TCP_STATUS_CLOSED || (record->is_secure == 1 && ssl == nullptr);
+    if (closed) {
+        error_callback(L, record->sockfd, -1, "Socket has been closed!");
+        WS_LOG("ERROR: socket has been closed\n");
+        return -1;
+    }
+    // Text semantics: nothing after the first zero byte is sent.
+    const std::size_t length = std::min<std::size_t>(std::strlen(data), INT_MAX);
+    int32_t result = -1;
+    if (record->is_secure == 1)
+        result = SSL_write(ssl, data, static_cast<int>(length));
+    else
+        result = static_cast<int32_t>(send(record->sockfd, data, length, MSG_NOSIGNAL));  // no SIGPIPE
+    if (result == -1) {
+        WS_LOG("send fail return -1: %d -> %s\n", errno, std::strerror(errno));
+        report_and_close(L, record, std::strerror(errno), "send fail");
+        return -1;
+    }
+    return result;
+}
+
+// ---- receive ----
+
+ssize_t safe_read(int fd, void* buffer, std::size_t length) {
+    ssize_t result;
+    do {
+        result = read(fd, buffer, length);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
+int32_t full_read(int fd, char* dest, std::size_t capacity, std::size_t* text_length) {
+    // Reads land straight after the text gathered so far: a zero byte ends
+    // the text there, and the next read overwrites what followed it.
+    std::size_t text = 0;
+    int32_t total = 0;
+    int empty_reads = 0;
+    ssize_t got = 0;
+    do {
+        const std::size_t room = capacity > text + 1 ? capacity - text - 1 : 0;
+        const std::size_t want = std::min(READ_CHUNK - 1, room);
+        if (want == 0)
+            break;
+        got = safe_read(fd, dest + text, want);
+        if (got == 0 && ++empty_reads > 2)
+            break;
+        if (got > 0) {
+            empty_reads = 0;
+            text += strnlen(dest + text, static_cast<std::size_t>(got));
+            total += static_cast<int32_t>(got);
+        }
+    } while (got >= 0 && static_cast<std::size_t>(total) + READ_CHUNK <= capacity);
+    if (capacity > 0)
+        dest[text] = '\0';
+    WS_LOG("---------full_read------end\n");
+    if (text_length != nullptr)
+        *text_length = text;
+    return total;
+}
+
+namespace {
+
+// Replaces a chunked response in `received` by its header block, a line
+// break, the decoded body and a line break. Leaves the raw text when there is
+// no header block or nothing was decoded.
+void decode_chunked_response(char* received, std::size_t text_length) {
+    const std::string_view text(received, text_length);
+    WS_LOG("===chenked=====\n");
+    std::size_t header_length = 0;
+    if (get_head(text, &header_length) == 0)
+        return;
+    std::size_t body_length = 0;
+    de_chunked(text, buffers().body, &body_length);  // a partial decode is used as it stands
+    WS_LOG("-------de_chunked---------\n");
+    if (body_length == 0)
+        return;
+    // The header block is the text's own prefix and is already followed by
+    // "\r\n": only the body and the final line break are written.
+    if (header_length + 2 + body_length + 3 > TCP_RECV_BUFFER_SIZE)
+        return;  // cannot happen: the decoded body is shorter than its encoding
+    char* tail = received + header_length + 2;
+    std::memcpy(tail, buffers().body, body_length);
+    std::memcpy(tail + body_length, "\r\n", 3);
+}
+
+}  // namespace
+
+int32_t tcp_recv(lua_State* L, int32_t fd, int* err) {
+    get_udata_by_sockfd(L, fd);
+    tcp_record* record = check_tcp_client(L, -1);
+    char* received = buffers().received;
+    int32_t result = 0;
+    if (record->is_secure == 1) {
+        SSL* ssl = tls_session(*record);
+        if (ssl == nullptr) {  // released through another copy: closed
+            errno = ENOTCONN;
+            result = 0;
+        } else {
+            errno = 0;  // a stale EINTR/EAGAIN must not make a dead session look alive
+            result = SSL_read(ssl, received, static_cast<int>(TCP_RECV_BUFFER_SIZE - 1));
+        }
+        received[result > 0 ? result : 0] = '\0';
+    } else {
+        WS_LOG("---------------tpc_recv-----------------\n");
+        std::size_t text_length = 0;
+        result = full_read(fd, received, TCP_RECV_BUFFER_SIZE, &text_length);
+        if (std::string_view(received, text_length).find("Transfer-Encoding: chunked") != std::string_view::npos)
+            decode_chunked_response(received, text_length);
+    }
+    *err = errno;
+    if (result > 0)
+        receive_callback(L, fd, received, "", -1);
+    return result;
+}
