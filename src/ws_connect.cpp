@@ -497,15 +497,14 @@ int ws_recv(lua_State* L, int32_t fd, char*, int* err) {
         *err = ENOMEM;
         return -1;
     }
-    // on_message may drop every reference to the record (close and connect
-    // anew) while the walk still reads it; the walk runs protected so that a
-    // raising lookup cannot leave the depth or the anchor behind.
-    const int anchor = anchor_value(L, -1);
+    // The walk runs in a protected call of its own: on_message empties only
+    // that call's stack, so the object stays on this one and keeps the record
+    // alive even when the script closes and reconnects (which replaces the
+    // registry entry); and a raising lookup cannot leave the depth behind.
     receive_call call{ws, fd, err, buffer, 0};
     const int depth = receive_depth++;
     const int status = lua_cpcall(L, walk_frames_protected, &call);
     receive_depth = depth;
-    anchor_release(L, anchor);
     if (status != 0)
         lua_error(L);  // the lookup's error, passed on
     return call.result;

@@ -573,8 +573,9 @@ TEST_F(WsTest, CloseKeepsItsRecordThroughTheClosedReport) {
         peers::accept_upgrade(fd);
         peers::read_until_closed(fd);
     });
-    LUA_OK("c = open(" + port_text(peer) + R"(, { on_error = function(e, text)
-            collectgarbage('collect'); collectgarbage('collect'); note('error', text) end })
+    LUA_OK("c = open(" + port_text(peer) + R"(, {
+            on_error = function(e, text) collectgarbage('collect'); note('error', text) end,
+            on_close = function(reason) collectgarbage('collect'); note('close', reason) end })
         ws.ws_close(c)
         -- the other copy, referenced by nothing but the call's own stack
         ws.ws_close((function() local other = w; w = nil; return other end)())
