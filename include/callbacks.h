@@ -21,3 +21,13 @@ void close_callback(lua_State* L, int32_t fd, const char* reason);
 // on_message(data, from, port); a null `from` reaches the script as nil.
 // Empties the stack.
 void receive_callback(lua_State* L, int32_t fd, const char* data, const char* from, int port);
+
+// True when an options table is registered for fd.
+bool has_options_table(lua_State* L, int32_t fd);
+
+// The send paths' report for a socket found closed: on_error(errno,
+// "Socket has been closed!"). A copy whose registration is gone (the
+// script's own object after its close holds descriptor -1) has no options
+// table to report through: it is refused quietly. A socket that was never
+// connected still reports, which raises when nothing is registered for it.
+void closed_socket_callback(lua_State* L, int32_t fd, bool never_connected, bool registration_missing);

@@ -50,3 +50,16 @@ void receive_callback(lua_State* L, int32_t fd, const char* data, const char* fr
     lua_pcall(L, 3, 0, 0);
     lua_settop(L, 0);
 }
+
+bool has_options_table(lua_State* L, int32_t fd) {
+    const registry_key key = sockfd_key(fd);
+    lua_getfield(L, LUA_REGISTRYINDEX, key.text);
+    const bool found = lua_istable(L, -1);
+    lua_pop(L, 1);
+    return found;
+}
+
+void closed_socket_callback(lua_State* L, int32_t fd, bool never_connected, bool registration_missing) {
+    if (never_connected || !registration_missing || has_options_table(L, fd))
+        error_callback(L, fd, -1, "Socket has been closed!");
+}

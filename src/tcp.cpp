@@ -160,7 +160,7 @@ int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
     const bool closed = record->status == TCP_STATUS_CREATED || registered == nullptr ||
                         registered->status == TCP_STATUS_CLOSED || (record->is_secure == 1 && ssl == nullptr);
     if (closed) {
-        error_callback(L, record->sockfd, -1, "Socket has been closed!");
+        closed_socket_callback(L, record->sockfd, record->status == TCP_STATUS_CREATED, registered == nullptr);
         WS_LOG("ERROR: socket has been closed\n");
         return -1;
     }

@@ -33,14 +33,6 @@ static int32_t registered_status(lua_State* L) {
     return static_cast<const sock_header*>(lua_touserdata(L, -1))->status;
 }
 
-static bool has_options_table(lua_State* L, int32_t fd) {
-    const registry_key key = sockfd_key(fd);
-    lua_getfield(L, LUA_REGISTRYINDEX, key.text);
-    const bool found = lua_istable(L, -1);
-    lua_pop(L, 1);
-    return found;
-}
-
 int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* ip, int32_t port) {
     WS_LOG("come in udp send\n");
     const int32_t fd = record->sockfd;
@@ -48,13 +40,7 @@ int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* 
     const int32_t registered = registered_status(L);
     const bool missing = lua_type(L, -1) != LUA_TUSERDATA;
     if (record->status == UDP_STATUS_CREATED || registered == UDP_STATUS_CLOSED || missing) {
-        // A never-registered socket reports through get_cb, which raises when
-        // nothing is registered. A missing registration behind an open status
-        // (the script's copy after its own close: descriptor -1) has no
-        // options table to report through, so it is refused quietly.
-        const bool report = record->status == UDP_STATUS_CREATED || !missing || has_options_table(L, fd);
-        if (report)
-            error_callback(L, fd, -1, "Socket has been closed!");
+        closed_socket_callback(L, fd, record->status == UDP_STATUS_CREATED, missing);
         WS_LOG("ERROR: socket has been closed\n");
         return -1;
     }
