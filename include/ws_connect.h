@@ -40,10 +40,10 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason);
 // once. The text length (also when the write failed: on_error, then the
 // connection is closed), 0 when the socket was not writable at once (on_error
 // with the errno that happened to be set; nothing is queued), -1 when the
-// connection is closed (on_error "Socket has been closed!"), the poll failed
-// (on_error, then closed) or the text is longer than WS_MAX_TEXT_LENGTH
-// (nothing is sent, nothing reported). Leaves the registered object on the
-// stack unless a callback ran.
+// connection is closed (on_error "Socket has been closed!" under the shared
+// rule of closed_socket_callback), the poll failed (on_error, then closed) or
+// the text is longer than WS_MAX_TEXT_LENGTH (nothing is sent, nothing
+// reported). Leaves the registered object on the stack unless a callback ran.
 int ws_send(lua_State* L, ws_record* ws, const char* data);
 
 // Called by the main loop when fd is readable: reads, walks the frames read,
@@ -56,5 +56,6 @@ int ws_send(lua_State* L, ws_record* ws, const char* data);
 int ws_recv(lua_State* L, int32_t fd, char* buffer, int* err);
 
 // Sends an empty close frame once, without waiting for the answer. On a
-// closed connection reports "Socket has been closed!" instead.
+// closed connection reports "Socket has been closed!" instead, where an
+// options table is registered (a never connected socket stays quiet).
 void ws_send_close(lua_State* L, ws_record* ws);

@@ -23,30 +23,14 @@
 
 namespace {
 
-constexpr const char* CLOSED_TEXT = "Socket has been closed!";
-
 // The record's TLS session; null when it has none or another copy of the
 // record released it.
 SSL* session_of(const ws_record& ws) { return tls_session(ws); }
 
-// A report needs the options table registered for the descriptor. A record
-// closed before has descriptor -1, for which none is ever registered: such
-// reports are left out instead of raising an indexing error.
-bool can_report(lua_State* L, int32_t fd) {
-    if (fd < 0)
-        return false;
-    const registry_key key = sockfd_key(fd);
-    lua_getfield(L, LUA_REGISTRYINDEX, key.text);
-    const bool found = lua_istable(L, -1);
-    lua_pop(L, 1);
-    return found;
-}
-
-void report_closed(lua_State* L, int32_t fd) {
-    if (can_report(L, fd))
-        error_callback(L, fd, -1, CLOSED_TEXT);
-    WS_LOG("ERROR: socket has been closed\n");
-}
+// on_close needs the options table registered for the descriptor. A record
+// closed before has descriptor -1, for which none is registered: its close
+// is not reported instead of raising an indexing error.
+bool can_report_close(lua_State* L, int32_t fd) { return fd >= 0 && has_options_table(L, fd); }
 
 // The record registered for fd (pushed and left on the stack), null when
 // nothing usable is registered.
@@ -406,7 +390,7 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     }
     // Nothing allocates between on_close's stack clear and the write below,
     // so the caller's reference keeps the record valid.
-    if (can_report(L, ws->sockfd))
+    if (can_report_close(L, ws->sockfd))
         close_callback(L, ws->sockfd, reason);
     ws->sockfd = -1;
 }
@@ -415,8 +399,10 @@ int ws_send(lua_State* L, ws_record* ws, const char* data) {
     WS_LOG(">>> send <<<\n");
     tls_settle_stale_copy(*ws);
     const int32_t fd = ws->sockfd;
-    if (is_closed(*ws, push_registered(L, fd))) {
-        report_closed(L, fd);
+    const sock_header* registered = push_registered(L, fd);
+    if (is_closed(*ws, registered)) {
+        closed_socket_callback(L, fd, ws->status == WS_STATUS_CREATED, registered == nullptr);
+        WS_LOG("ERROR: socket has been closed\n");
         return -1;
     }
     const std::size_t length = std::strlen(data);
@@ -478,8 +464,12 @@ int ws_send(lua_State* L, ws_record* ws, const char* data) {
 void ws_send_close(lua_State* L, ws_record* ws) {
     tls_settle_stale_copy(*ws);
     const int32_t fd = ws->sockfd;
-    if (is_closed(*ws, push_registered(L, fd))) {
-        report_closed(L, fd);
+    const sock_header* registered = push_registered(L, fd);
+    if (is_closed(*ws, registered)) {
+        // a socket that never connected is closed quietly: ws_close must
+        // still release its descriptor
+        closed_socket_callback(L, fd, false, registered == nullptr);
+        WS_LOG("ERROR: socket has been closed\n");
         return;
     }
     WS_LOG("Will send close\n");

@@ -313,7 +313,11 @@ TEST_F(WsTest, NewByKindNameAndDefault) {
         for _, kind in ipairs({ 'websocket', 'anything' }) do
             local w = ws.new(kind)
             assert(ws_status(w) == 3 and ws_fd(w) > 0)
-            ws.ws_close(w)  -- never connected: closes the descriptor, no report without an options table
+            local ok, err = pcall(ws.ws_send, w, 'x')
+            assert(not ok and err:find('attempt to index'), 'never connected: the report finds nothing registered')
+            local fd = ws_fd(w)
+            ws.ws_close(w)  -- never connected: closes the descriptor quietly
+            assert(not fd_is_open(fd))
         end
     )");
     EXPECT_TRUE(events().empty());
