@@ -189,6 +189,8 @@ int walk_frames(lua_State* L, receive_call& call) {
 
         // Parsed as if total_len bytes followed the frame, but never past the
         // buffer: a header cut there cannot be completed.
+        if (offset_len >= WS_FRAME_CAPACITY)
+            break;
         const uint32_t available = std::min(total_len, WS_FRAME_CAPACITY - offset_len);
         headerLength = 0;
         type = wsParseInputFrame(frame + offset_len, available, &data, &datasize, &headerLength);
