@@ -379,6 +379,7 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
         WS_LOG("ssl_free -\n");
         WS_LOG("ssl_ctx_free -\n");
         tls_release_record(*ws);  // session, then context; no close-notify is sent
+        WS_LOG("ssl_free +\n");
         WS_LOG("ssl_ctx_free +\n");
     }
     ws->ssl = nullptr;
