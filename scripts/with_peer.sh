@@ -33,12 +33,15 @@ work="$(mktemp -d)"
 /usr/bin/python3 "$here/tools/peer.py" --any-port --lifetime "$lifetime" --cert-dir "$cert_dir" \
   --env-file "$work/peer.env" >"$work/peer.out" 2>"$peer_log" &
 peer=$!
+child=""
 stop_peer() {
+  [ -z "$child" ] || kill "$child" 2>/dev/null || true
   kill "$peer" 2>/dev/null || true
   wait "$peer" 2>/dev/null || true
   rm -rf "$work"
 }
 trap stop_peer EXIT
+trap 'exit 130' INT TERM  # through the EXIT trap: the peer goes too
 
 # The env file appears, whole, once every service listens.
 for _ in $(seq 1 300); do
@@ -57,6 +60,10 @@ set -a
 . "$work/peer.env"
 set +a
 
+# In the background so that a signal to this script is handled at once.
+"$@" <&0 &
+child=$!
 status=0
-"$@" || status=$?
+wait "$child" || status=$?
+child=""
 exit "$status"
