@@ -56,6 +56,7 @@ bench: deps
 	$(BENCH_BUILD)/bench/udp_roundtrip_bench
 	$(BENCH_BUILD)/bench/chunked_bench
 	$(BENCH_BUILD)/bench/tcp_roundtrip_bench
+	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)

@@ -164,3 +164,16 @@ int wss_ssl_init(ws_record* record);
 int wss_ssl_connect(ws_record* record);
 int tcp_ssl_init(tcp_record* record);
 int tcp_ssl_connect(tcp_record* record);
+
+// ---- WebSocket URLs ----
+
+// 1 for a "wss" prefix, 0 for "ws", -1 otherwise (exact case; nothing after
+// the prefix is looked at).
+int is_secure(const char* url);
+
+// Cuts `url` in place at every "/" (empty pieces vanish): the first piece is
+// the scheme, the second the host (":port" and all, copied whole), every
+// further piece is appended to `path` as "/piece". Both outputs are
+// overwritten. 0, or -1 when there is no host piece or an output is too
+// small (host and path are empty then).
+int get_host_path(char* url, std::span<char> host, std::span<char> path);

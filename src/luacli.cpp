@@ -15,6 +15,7 @@
 #include "tcp.h"
 #include "tools.h"
 #include "udp.h"
+#include "ws_connect.h"
 
 #define LOG_UNIT "luacli"
 
@@ -101,16 +102,88 @@ void* new_record_block(lua_State* L, std::size_t size, const char* metatable) {
     return block;
 }
 
-// ---- bindings not yet in this build ----
+// ---- WebSocket ----
 
-static int not_available(lua_State* L, const char* name) {
-    return luaL_error(L, "ws_client.%s is not available in this build", name);
+static int ws_new(lua_State* L) {
+    WS_LOG("new websocket\n");
+    auto* record = static_cast<ws_record*>(new_record_block(L, sizeof(ws_record), METATABLE_WS));
+    if (ws_init(L, record, 0) == nullptr)
+        lua_pushnil(L);  // the block is left to the collector
+    record->sock_type = SOCK_TYPE_WS;
+    WS_LOG(">>> ws sockfd is %d\n", record->sockfd);
+    return 1;
 }
 
-static int ws_new(lua_State* L) { return not_available(L, "ws_new"); }
-static int ws_connect(lua_State* L) { return not_available(L, "ws_connect"); }
-static int ws_do_send(lua_State* L) { return not_available(L, "ws_send"); }
-static int lua_close_ws(lua_State* L) { return not_available(L, "ws_close"); }
+static int ws_connect(lua_State* L) {
+    ws_record* record = check_ws_client(L, 1);
+    get_tbl_str(L, -2, "url", record->url);
+    WS_LOG(">>url is %s\n\n", record->url);
+    get_tbl_str(L, -2, "crt", record->crt);
+    WS_LOG(">>crt is %s\n\n", record->crt);
+    get_tbl_str(L, -2, "prikey", record->prikey);
+    WS_LOG(">>prikey is %s\n\n", record->prikey);
+    get_tbl_num(L, -2, "port", &record->port);
+    WS_LOG(">>port is %d\n\n", record->port);
+    get_tbl_num(L, -2, "timeout", &record->timeout);
+    WS_LOG(">>timeout is %d\n\n", record->timeout);
+    const int32_t fd = record->sockfd;
+    // A closed object has no descriptor to register under.
+    luaL_argcheck(L, fd != -1, 1, "socket has been closed");
+    // Callbacks empty the stack and the registry entry is replaced below:
+    // the record stays anchored until its last use.
+    const int anchor = anchor_value(L, 1);
+    registry_store_top(L, sockfd_key(fd));  // the options table, last argument
+    lua_pushvalue(L, 1);
+    registry_store_top(L, udata_key(fd));
+    lua_settop(L, 0);
+    if (do_new_connect(L, record) == -1) {
+        anchor_release(L, anchor);
+        return 0;
+    }
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now!");
+        close(fd);
+        anchor_release(L, anchor);
+        lua_pushnil(L);
+        return 1;
+    }
+    // The loop and the receive path use this copy, taken while connecting.
+    push_record_copy(L, *record, METATABLE_WS);
+    registry_store_top(L, udata_key(fd));
+    WS_LOG("Will do on open\n");
+    connect_callback(L, fd);
+    record->status = WS_STATUS_OPEN;
+    WS_LOG("Connect callback out\n");
+    push_record_copy(L, *record, METATABLE_WS);
+    anchor_release(L, anchor);
+    return 1;
+}
+
+static int ws_do_send(lua_State* L) {
+    ws_record* record = check_ws_client(L, 1);
+    const int last = lua_gettop(L);
+    const char* data = lua_tolstring(L, last, nullptr);  // numbers are converted
+    luaL_argcheck(L, data != nullptr, last, "string expected");
+    WS_LOG("data from lua is %s\n", data);
+    // Text semantics: the frame carries the bytes before the first zero byte.
+    luaL_argcheck(L, std::strlen(data) <= WS_MAX_TEXT_LENGTH, last, "text longer than 1048562 bytes");
+    const int sent = ws_send(L, record, data);
+    lua_pushnumber(L, sent);
+    return 1;
+}
+
+static int lua_close_ws(lua_State* L) {
+    auto* record = static_cast<ws_record*>(luaL_checkudata(L, 1, METATABLE_WS));
+    if (record == nullptr)
+        return 0;
+    // A closed-socket report empties the stack before the close runs.
+    const int anchor = anchor_value(L, 1);
+    ws_send_close(L, record);
+    ws_do_close(L, record, "User do close");
+    WS_LOG("WS closed here\n");
+    anchor_release(L, anchor);
+    return 0;
+}
 
 // ---- UDP ----
 

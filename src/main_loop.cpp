@@ -11,6 +11,7 @@
 #include "luacli.h"
 #include "tcp.h"
 #include "udp.h"
+#include "ws_connect.h"
 
 #define LOG_UNIT "main_loop"
 // The loop's steps live in small helpers but log as the loop itself.
@@ -31,7 +32,7 @@ constexpr long TIMER_SLACK_USEC = 2000;
 using stream_receive = int (*)(lua_State* L, int32_t fd, char* buffer, int* error);
 // Indexed by kind code; the WebSocket and TCP receive paths plug in here.
 constexpr stream_receive stream_receivers[] = {
-    nullptr,  // SOCK_TYPE_WS
+    ws_recv,  // SOCK_TYPE_WS
     [](lua_State* L, int32_t fd, char*, int* error) -> int { return tcp_recv(L, fd, error); },  // SOCK_TYPE_TCP
 };
 static_assert(SOCK_TYPE_WS == 0 && SOCK_TYPE_TCP == 1);

@@ -23,6 +23,7 @@
 
 #include "tcp.h"
 #include "udp.h"
+#include "ws_connect.h"
 
 #define LOG_UNIT "tools"
 
@@ -164,7 +165,9 @@ struct close_entry {
 
 // Indexed by kind code. The WebSocket and TCP closes plug in here.
 constexpr close_entry close_by_kind[] = {
-    {METATABLE_WS, nullptr},
+    {METATABLE_WS, [](lua_State* L, void* record, const char* reason) {
+         ws_do_close(L, static_cast<ws_record*>(record), reason);
+     }},
     {METATABLE_TCP, [](lua_State* L, void* record, const char* reason) {
          tcp_do_close(L, static_cast<tcp_record*>(record), reason);
      }},
@@ -519,6 +522,45 @@ int tcp_ssl_connect(tcp_record* record) {
     if (const char* failure = connect_session(*record)) {
         WS_LOG("%s", failure);
         return -1;
+    }
+    return 0;
+}
+
+// ---- WebSocket URLs ----
+
+int is_secure(const char* url) {
+    if (std::strncmp(url, "wss", 3) == 0)
+        return 1;
+    if (std::strncmp(url, "ws", 2) == 0)
+        return 0;
+    return -1;
+}
+
+int get_host_path(char* url, std::span<char> host, std::span<char> path) {
+    if (host.empty() || path.empty())
+        return -1;
+    host[0] = '\0';
+    path[0] = '\0';
+    char* rest = nullptr;
+    const char* scheme = strtok_r(url, "/", &rest);
+    const char* name = scheme != nullptr ? strtok_r(nullptr, "/", &rest) : nullptr;
+    if (name == nullptr)
+        return -1;
+    const std::size_t name_length = std::strlen(name);
+    if (name_length >= host.size())
+        return -1;
+    std::memcpy(host.data(), name, name_length + 1);
+    std::size_t used = 0;
+    for (const char* piece = strtok_r(nullptr, "/", &rest); piece != nullptr; piece = strtok_r(nullptr, "/", &rest)) {
+        const std::size_t length = std::strlen(piece);
+        if (used + 1 + length >= path.size()) {
+            host[0] = '\0';
+            path[0] = '\0';
+            return -1;
+        }
+        path[used] = '/';
+        std::memcpy(path.data() + used + 1, piece, length + 1);
+        used += 1 + length;
     }
     return 0;
 }
