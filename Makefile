@@ -4,9 +4,10 @@ ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 20
 BENCH_BUILD ?= build-bench
+LUAJIT_BUILD ?= build-luajit
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build test test-plain test-asan test-fuzz bench clean
+.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench clean
 
 deps:
 	@scripts/deps.sh
@@ -15,6 +16,14 @@ build: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 	cmake --build $(BUILD) -j $(JOBS)
 
+# The module alone, then examples/demo.lua under lua5.1 against a local peer
+# (certificates kept in $(BUILD)/peer-certs, the peer's log in $(BUILD)/peer.log).
+demo: deps
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake --build $(BUILD) -j $(JOBS) --target ws_client
+	LUA_CPATH="$(CURDIR)/$(BUILD)/?.so" scripts/with_peer.sh -c "$(CURDIR)/$(BUILD)/peer-certs" \
+	  -l "$(CURDIR)/$(BUILD)/peer.log" -- lua5.1 examples/demo.lua
+
 test-plain: build
 	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
 
@@ -22,6 +31,12 @@ test-asan: deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DWS_CLIENT_SANITIZE=ON
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+
+# Built against LuaJIT: the module and the script-level tests under luajit.
+test-luajit: deps
+	cmake -S . -B $(LUAJIT_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUAJIT=ON -DWS_CLIENT_TESTS=OFF
+	cmake --build $(LUAJIT_BUILD) -j $(JOBS)
+	ctest --test-dir $(LUAJIT_BUILD) --output-on-failure -j $(JOBS)
 
 # Each fuzz target for FUZZ_SECONDS (make test-fuzz FUZZ_SECONDS=3600 for a long run).
 test-fuzz: deps
@@ -32,7 +47,7 @@ test-fuzz: deps
 	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
 	else echo "clang++ not found: fuzz targets not run"; fi
 
-test: test-plain test-asan test-fuzz
+test: test-plain test-asan test-luajit test-fuzz
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
@@ -44,4 +59,4 @@ bench: deps
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)

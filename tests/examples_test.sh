@@ -1,0 +1,80 @@
+#!/usr/bin/env bash
+# Every example and the demo run against a fresh local default peer, so that
+# they cannot rot; then the demo runs once more with nothing listening and
+# must fail within its time limit.
+#   examples_test.sh INTERPRETER MODULE_DIR
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+if [ "${1:-}" != "--inner" ]; then
+  exec "$root/scripts/with_peer.sh" -t 240 -- "$0" --inner "$@"
+fi
+lua="$2"
+export LUA_CPATH="$3/?.so"
+passed=0
+failed=0
+
+# run NAME EXPECTED_STATUS SCRIPT [LINE...]: the script exits with the
+# expected status and prints every LINE as a whole line (re:LINE: a whole line
+# matching that extended regular expression).
+run() {
+  local name="$1" expected="$2" script="$3"
+  shift 3
+  local output status=0
+  output="$(timeout 120 "$lua" "$root/examples/$script" 2>&1)" || status=$?
+  local problems=()
+  [ "$status" -eq "$expected" ] || problems+=("exit status $status, expected $expected")
+  for text in "$@"; do
+    if [[ "$text" == re:* ]]; then
+      grep -qxE -- "${text#re:}" <<<"$output" || problems+=("no line matching: ${text#re:}")
+    else
+      grep -qxF -- "$text" <<<"$output" || problems+=("no line: $text")
+    fi
+  done
+  if [ ${#problems[@]} -eq 0 ]; then
+    passed=$((passed + 1))
+    echo "ok   $name"
+  else
+    failed=$((failed + 1))
+    echo "FAIL $name"
+    printf '     %s\n' "${problems[@]}"
+    sed 's/^/     | /' <<<"$output"
+  fi
+}
+
+run demo 0 demo.lua \
+  "ws    message 'hello over ws://'" \
+  "wss   message 'hello over wss://'" \
+  "http  answer 'HTTP/1.1 200 OK', body 'Hello from the local peer: this body came in four chunks.'" \
+  "tls   message 'hello over TLS with a client certificate'" \
+  "udp   message 'hello over udp' from 127.0.0.1:$PEER_UDP_PORT" \
+  "udp   closed: User do close" \
+  "re:summary: 5 of 5 seen in [0-9]+ s"
+
+run ws_echo 0 ws_echo.lua \
+  "connection 1 echo: message 3 on connection 1" \
+  "connection 1 closed: User do close" \
+  "connection 2 open" \
+  "6 echoes over 2 connections, 2 rounds complete"
+
+WS_URL="wss://127.0.0.1/echo" PEER_WS_PORT="$PEER_WSS_PORT" run ws_echo_over_wss 0 ws_echo.lua \
+  "6 echoes over 2 connections, 2 rounds complete"
+
+run tcp_http 0 tcp_http.lua \
+  "| HTTP/1.1 200 OK" \
+  "| Transfer-Encoding: chunked" \
+  "| Hello from the local peer: this body came in four chunks."
+
+run udp_echo 0 udp_echo.lua \
+  "echo from 127.0.0.1:$PEER_UDP_PORT: datagram 5" \
+  "5 sent, 5 echoed"
+
+# Nothing listens on a port that was just free: every connect is refused and
+# the datagram goes unanswered, so the demo ends at its limit and says so.
+free_port="$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
+for service in WS WSS HTTP TLS UDP; do export "PEER_${service}_PORT=$free_port"; done
+DEMO_SECONDS=2 run demo_without_peer 1 demo.lua \
+  "http  error 111: Connection refused" \
+  "re:summary: 0 of 5 seen in [0-9]+ s, missing: ws, wss, http, tls, udp"
+
+echo "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
