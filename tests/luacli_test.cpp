@@ -1,10 +1,9 @@
-// Module entry, object checks, options readers, registry keys and the socket table.
+// Module entry, object checks, options readers and the socket table.
 #include <gmock/gmock.h>
 
 #include <vector>
 
 #include "lua_fixture.h"
-#include "tools.h"
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
@@ -72,12 +71,10 @@ TEST_F(ModuleTest, RegistersSeventeenFunctionsAndReusesItsMetatables) {
 }
 
 TEST_F(ModuleTest, ObjectChecksNameTheExpectedMetatable) {
-    expose("check_udp", [](lua_State* L) { return lua_pushinteger(L, check_udp_client(L, 1)->sock_type), 1; });
     expose("check_ws", [](lua_State* L) { return check_ws_client(L, 2), 0; });
-    EXPECT_THAT(run("check_udp(ws.tcp_new())"),
-                HasSubstr("bad argument #1 to 'check_udp' ({SOCKET_UDP} expected, got userdata)"));
+    EXPECT_THAT(run("ws.udp_close(ws.tcp_new())"),
+                HasSubstr("bad argument #1 to 'udp_close' ({SOCKET_UDP} expected, got userdata)"));
     EXPECT_THAT(run("check_ws(1, nil)"), HasSubstr("bad argument #2 to 'check_ws' ({SOCKET_WS} expected, got nil)"));
-    LUA_OK("assert(check_udp(ws.udp_new()) == 2)");
 }
 
 TEST_F(ModuleTest, OptionsReadersCopyFieldsAndNameBadKeys) {
@@ -99,22 +96,4 @@ TEST_F(ModuleTest, OptionsReadersCopyFieldsAndNameBadKeys) {
     EXPECT_THAT(run("read_options({ ip = {}, port = 1 })"), HasSubstr("string expected, got table"));
     EXPECT_THAT(run("read_options({ ip = string.rep('x', 200), port = 1 })"),
                 HasSubstr("bad argument #1 to 'read_options' (field 'ip' is longer than 199 characters)"));
-}
-
-// udata_close marks the registered object closed, keeps the entry and the stack.
-TEST_F(ModuleTest, UdataCloseMarksTheRegisteredObject) {
-    EXPECT_STREQ(sockfd_key(-1).text, "sockfd--1");
-    expose("udata_close", [](lua_State* L) {
-        const int before = lua_gettop(L);
-        tcp_udata_close(L, static_cast<int32_t>(luaL_checkinteger(L, 1)));
-        lua_pushinteger(L, lua_gettop(L) - before);
-        return 1;
-    });
-    expose("status_of", [](lua_State* L) { return lua_pushinteger(L, check_tcp_client(L, 1)->status), 1; });
-    LUA_OK(R"(
-        local obj = ws.tcp_new()
-        debug.getregistry()["udata-12"] = obj
-        assert(status_of(obj) == -1 and udata_close(12) == 0 and udata_close(-1) == 0)
-        assert(status_of(obj) == 0 and debug.getregistry()["udata-12"] == obj)
-    )");
 }

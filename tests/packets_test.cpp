@@ -1,10 +1,10 @@
-// Frame codec: built frames, masking, the masking key, and the parse outcomes.
+// Frame codec: built frames and the parse outcomes (masking against a
+// byte-wise reference and odd inputs are left to the fuzz targets).
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
-#include <cstdlib>
-#include <ctime>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -46,39 +46,31 @@ Bytes build(const Bytes& payload, FrameType type, uint32_t* length) {
 // Header bytes of each length class, the 127 class least significant byte
 // first with the payload address after it, and nothing written past the frame.
 TEST(FrameBuild, LengthClassesAndMaskedPayload) {
-    for (const std::size_t length : {0u, 125u, 126u, 65535u, 65536u}) {
+    const std::pair<std::size_t, Bytes> cases[] = {
+        {0, {0x81, 0x80}}, {125, {0x81, 0xFD}}, {126, {0x81, 0xFE, 0, 126}}, {65535, {0x81, 0xFE, 0xFF, 0xFF}},
+        {65536, {0x81, 0xFF, 0, 0, 1, 0}},
+    };
+    for (const auto& [length, head] : cases) {
         SCOPED_TRACE(length);
         const Bytes payload = pattern(length);
         uint32_t built = 0;
         const Bytes frame = build(payload, WS_TEXT_FRAME, &built);
         const std::size_t header = length < 126 ? 2 : length <= 0xFFFF ? 4 : 10;
         ASSERT_EQ(built, header + 4 + length);
-        EXPECT_EQ(frame[0], 0x81);
-        if (length < 126) {
-            EXPECT_EQ(frame[1], 0x80 | length);
-        } else if (length <= 0xFFFF) {
-            EXPECT_EQ(frame[1], 0xFE);
-            EXPECT_EQ(frame[2] << 8 | frame[3], static_cast<int>(length));
-        } else {
-            EXPECT_EQ(frame[1], 0xFF);
-            const auto address = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(payload.data()));
-            for (int i = 0; i < 4; ++i) {
-                EXPECT_EQ(frame[2 + i], static_cast<uint8_t>(length >> (8 * i))) << i;
-                EXPECT_EQ(frame[6 + i], static_cast<uint8_t>(address >> (8 * i))) << i;
-            }
-        }
+        EXPECT_TRUE(std::equal(head.begin(), head.end(), frame.begin()));
+        const auto address = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(payload.data()));
+        for (int i = 0; header == 10 && i < 4; ++i)
+            EXPECT_EQ(frame[6 + i], static_cast<uint8_t>(address >> (8 * i))) << i;
         Bytes unmasked(length);
         reference_mask(unmasked.data(), frame.data() + header + 4, length, frame.data() + header);
         EXPECT_EQ(unmasked, payload);
-        for (std::size_t i = built; i < frame.size(); ++i)
-            ASSERT_EQ(frame[i], CANARY) << "written past the frame at " << i;
+        EXPECT_EQ(std::count(frame.begin() + built, frame.end(), CANARY), frame.end() - frame.begin() - built);
     }
     for (const auto& [type, first] : {std::pair{WS_CLOSING_FRAME, 0x88}, {WS_PONG_FRAME, 0x8A}, {WS_PING_FRAME, 0x89}}) {
         uint32_t built = 0;
         const Bytes frame = build({}, type, &built);
         EXPECT_EQ(built, 6u);
-        EXPECT_EQ(frame[0], first);
-        EXPECT_EQ(frame[1], 0x80);
+        EXPECT_EQ(frame[0] << 8 | frame[1], first << 8 | 0x80);
     }
 }
 
@@ -102,51 +94,6 @@ TEST(FrameBuild, LengthCodeIsOredIntoByteOneAndBadArgumentsWriteNothing) {
     EXPECT_EQ(length, 0u);
     wsMakeFrame(payload.data(), 5, untouched.data(), nullptr, WS_TEXT_FRAME);
     EXPECT_EQ(untouched, expected);
-}
-
-// Keys come from rand() after srand(time(NULL)): one second, one key.
-TEST(FrameBuild, KeyComesFromTimeSeededRand) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        const std::time_t second = std::time(nullptr);
-        uint32_t length = 0;
-        const Bytes frame = build(pattern(200), WS_BINARY_FRAME, &length);
-        uint8_t header[WS_MAX_FRAME_HEADER];
-        ASSERT_EQ(wsMakeFrameHeader(nullptr, 0, header, WS_CLOSING_FRAME), 6u);
-        if (std::time(nullptr) != second)
-            continue;  // crossed a second boundary
-        std::srand(static_cast<unsigned>(second));
-        for (int i = 0; i < 4; ++i) {
-            const auto expected = static_cast<uint8_t>(std::rand() & 0xFF);
-            EXPECT_EQ(frame[4 + i], expected) << i;
-            EXPECT_EQ(header[2 + i], expected) << i;
-        }
-        return;
-    }
-    FAIL() << "clock kept crossing second boundaries";
-}
-
-// The vectorised mask equals the byte-wise one at every length and alignment,
-// in place too, and writes nothing outside the destination.
-TEST(FrameMask, MatchesBytewiseAtAnyLengthAndAlignment) {
-    const uint8_t key[4] = {0x12, 0xF3, 0x00, 0x9C};
-    const Bytes source = pattern(1100);
-    for (std::size_t length = 0; length <= 1030; length += length < 140 ? 1 : 63) {
-        for (std::size_t offset = 0; offset < 4; ++offset) {
-            Bytes expected(length);
-            reference_mask(expected.data(), source.data() + offset, length, key);
-            Bytes out(length + 16, CANARY);
-            wsMaskPayload(out.data() + 3 - offset, source.data() + offset, static_cast<uint32_t>(length), key);
-            const Bytes inside(out.begin() + 3 - offset, out.begin() + 3 - offset + length);
-            ASSERT_EQ(inside, expected) << "length " << length << " offset " << offset;
-            for (std::size_t i = 0; i < out.size(); ++i) {
-                const bool outside = i < 3 - offset || i >= 3 - offset + length;
-                ASSERT_TRUE(!outside || out[i] == CANARY) << "length " << length << " byte " << i;
-            }
-            Bytes in_place(source.begin() + offset, source.begin() + offset + length);
-            wsMaskPayload(in_place.data(), in_place.data(), static_cast<uint32_t>(length), key);
-            ASSERT_EQ(in_place, expected) << "in place, length " << length;
-        }
-    }
 }
 
 // Every parse outcome with its outputs (untouched ones keep their sentinels)

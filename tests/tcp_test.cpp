@@ -127,10 +127,10 @@ TEST_F(TcpTest, SendWritesTextUpToItsFirstZeroByteAndRefusesClosedCopies) {
     with_peer([&received](int fd) { received = peers::read_until_closed(fd); }, R"(
         assert(ws.tcp_send(conn, "") == 0 and ws.tcp_send(conn, "ab\0cd") == 2 and ws.tcp_send(conn, 12.5) == 4)
         copy = copy_tcp(conn)
-        ws.tcp_close(conn)
+        ws.tcp_close(copy)
         clear_events()
-        assert(ws.tcp_send(copy, "x") == -1, "the registered object is the closed one")
-        assert(ws.tcp_send(conn, "x") == -1, "descriptor -1: nothing registered, refused quietly")
+        assert(ws.tcp_send(conn, "x") == -1, "the registered object was marked closed")
+        assert(ws.tcp_send(copy, "x") == -1, "descriptor -1: nothing registered, refused quietly")
     )");
     EXPECT_EQ(received, "ab12.5");
     EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:Socket has been closed!"));
