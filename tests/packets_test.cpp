@@ -137,16 +137,17 @@ TEST(FrameParse, OutcomesOutputsAndLogLines) {
     ASSERT_TRUE(debug_log_set_path(log.c_str()));
     // "[Time: ..., File: packets, Function: F, Line: NNNNN]: text" becomes "F: text"
     const std::regex prefix(R"(\[Time: [^\]]*, File: packets, Function: (\w+), Line: \d{5}\]: )");
-    for (auto c : cases) {
-        SCOPED_TRACE(::testing::Message() << std::hex << int(c.frame[0]) << " " << int(c.frame[1]));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "case " << &c - cases);
+        Bytes frame = c.frame;
         std::filesystem::remove(log);
         uint8_t* data = nullptr;
         uint32_t size = UNTOUCHED, header = UNTOUCHED;
-        const uint32_t claimed = c.claimed != 0 ? c.claimed : static_cast<uint32_t>(c.frame.size());
-        EXPECT_EQ(wsParseInputFrame(c.frame.data(), claimed, &data, &size, &header), c.type);
+        const uint32_t claimed = c.claimed != 0 ? c.claimed : static_cast<uint32_t>(frame.size());
+        EXPECT_EQ(wsParseInputFrame(frame.data(), claimed, &data, &size, &header), c.type);
         EXPECT_EQ(header, c.header);
         EXPECT_EQ(size, c.size);
-        EXPECT_EQ(data, c.header == UNTOUCHED ? nullptr : c.frame.data() + c.header);
+        EXPECT_EQ(data, c.header == UNTOUCHED ? nullptr : frame.data() + c.header);
         std::stringstream text;
         text << std::ifstream(log).rdbuf();
         if (c.log != "-") {

@@ -39,16 +39,13 @@ protected:
 
     void SetUp() override {
         SocketTest::SetUp();
-        log_file = certs->dir / ("debug-" + std::to_string(getpid()) + ".log");
+        log_file = certs->dir / "debug.log";
         std::filesystem::remove(log_file);
-        set_global("client_crt", certs->client_crt.string());
-        set_global("client_key", certs->client_key.string());
-        set_global("other_key", certs->other_key.string());
-        set_global("log_path", log_file.string());
+        set_global("certs", certs->dir.string() + "/");
         expose("tls_sessions", [](lua_State* L) { return lua_pushinteger(L, lua_Integer(tls_live_count())), 1; });
         LUA_OK(R"(
             function tls_opts(port, extra)
-              local t = tcp_opts(port, { is_secure = 1, crt = client_crt, prikey = client_key })
+              local t = tcp_opts(port, { is_secure = 1, crt = certs .. "client.crt", prikey = certs .. "client.key" })
               for k, v in pairs(extra or {}) do t[k] = v end
               return t
             end
@@ -90,8 +87,8 @@ TEST_F(TlsTest, ClientCertificateSessionSendsAndReceives) {
 TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
     set_global("port", peers::closed_port());
     LUA_OK(R"(
-        ws.set_debug(log_path)
-        for _, extra in ipairs({ { crt = "" }, { prikey = "" }, { prikey = other_key } }) do
+        ws.set_debug(certs .. "debug.log")
+        for _, extra in ipairs({ { crt = "" }, { prikey = "" }, { prikey = certs .. "other.key" } }) do
           assert(ws.tcp_connect(ws.tcp_new(), tls_opts(port, extra)) == nil)
         end
     )");
