@@ -52,7 +52,7 @@ TEST_F(DebugLogTest, OnlyBetweenSetDebugAndNULLWithTheLineFormat) {
 }
 
 TEST_F(DebugLogTest, LineNumbersPadToFiveDigitsAndErrnoSurvives) {
-    const std::string log = testing::TempDir() + "ws_client_debug.log";
+    const std::string log = testing::TempDir() + "ws_client_debug" + std::to_string(getpid()) + ".log";
     std::remove(log.c_str());
     ASSERT_TRUE(debug_log_set_path(log.c_str()));
     errno = ECONNRESET;

@@ -142,7 +142,7 @@ volatile sig_atomic_t signals_seen = 0;
 // An interrupted select() keeps counting down the time that remained, and an
 // interrupted sleep resumes: SIGALRM every 50 ms (100 at most), calls not restarted.
 TEST_F(MainLoopTest, SignalsCutNeitherTheTimerNorSleep) {
-    const std::string log = testing::TempDir() + "main_loop_eintr.log";
+    const std::string log = testing::TempDir() + "main_loop_eintr" + std::to_string(getpid()) + ".log";
     signals_seen = 0;
     struct sigaction action {}, saved {};
     action.sa_handler = [](int) {

@@ -40,7 +40,8 @@ protected:
 }  // namespace
 
 TEST_F(TcpTest, ConnectOpensBeforeReturningTheRegisteredObjectAndCloseUndoesIt) {
-    peers::tcp_peer peer([](int fd) { peers::read_until_closed(fd); });
+    std::promise<void> accepted;  // before the close: accept() would take the closed number
+    peers::tcp_peer peer([&accepted](int fd) { accepted.set_value(), peers::read_until_closed(fd); });
     set_global("port", peer.port());
     LUA_OK(R"(
         obj = ws.new("tcp")
@@ -55,6 +56,7 @@ TEST_F(TcpTest, ConnectOpensBeforeReturningTheRegisteredObjectAndCloseUndoesIt) 
     const int fd = static_cast<int>(global_number("fd"));
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "socket must stay blocking";
     EXPECT_EQ(socktbl[0], fd);
+    ASSERT_EQ(accepted.get_future().wait_for(5s), std::future_status::ready);
     LUA_OK("ws.tcp_close(obj); assert(status_of(obj) == 0 and fd_of(obj) == -1)");
     EXPECT_EQ(events(), "open:true|returned|close:User do close");
     EXPECT_EQ(socktbl[0], 0);

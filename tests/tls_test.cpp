@@ -172,3 +172,24 @@ TEST_F(TlsTest, CopiesShareOneSessionFreedOnceAndLeaveAReusedDescriptorAlone) {
     EXPECT_EQ(global_string("message"), "ereh llits\n") << "the new connection was not disturbed";
     EXPECT_EQ(events(), "open|close:User do close|open|message|newer:User do close");
 }
+
+// A copy whose serial was retired never sees the freed session again; serials
+// are not reused, and a second release frees nothing (ASan).
+TEST(TlsOwnership, RetiredSerialHidesTheSessionAndSettlesTheCopy) {
+    SSL_CTX* ctx = SSL_CTX_new(TLS_method());
+    ASSERT_NE(ctx, nullptr);
+    tcp_record stale{};
+    stale.sockfd = 42;
+    stale.tls_serial = tls_adopt(ctx);
+    stale.ssl = SSL_new(ctx);
+    tls_adopt_session(stale.tls_serial, stale.ssl);
+    tls_release(stale.tls_serial);
+    tls_release(stale.tls_serial);
+    EXPECT_EQ(tls_session(stale), nullptr);  // stale.ssl dangles on purpose
+    const uint64_t next = tls_adopt(SSL_CTX_new(TLS_method()));
+    EXPECT_GT(next, stale.tls_serial);
+    tls_release(next);
+    EXPECT_TRUE(tls_settle_stale_copy(stale));
+    EXPECT_EQ(stale.sockfd, -1);
+    EXPECT_EQ(stale.ssl, nullptr);
+}
