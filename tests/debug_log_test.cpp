@@ -16,85 +16,51 @@ using ::testing::HasSubstr;
 
 namespace {
 
-class DebugLogTest : public LuaTest {
-protected:
-    fs::path dir;
-    fs::path log;
-
-    void SetUp() override {
-        LuaTest::SetUp();
-        char pattern[] = "/tmp/ws_client_log_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir = pattern;
-        log = dir / "debug.log";
-        lua_pushstring(L, log.c_str());
-        lua_setglobal(L, "log_path");
-        lua_pushcfunction(L, luaopen_ws_client);
-        lua_setglobal(L, "open_again");
-    }
-    void TearDown() override {
-        LuaTest::TearDown();
-        fs::remove_all(dir);
-    }
-    std::string contents() const {
-        std::ifstream in(log);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-};
+std::string contents(const fs::path& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
 
 }  // namespace
 
-TEST_F(DebugLogTest, OffUntilSetAndOffAgainWithNULL) {
-    LUA_OK("open_again()");
-    EXPECT_FALSE(fs::exists(log));
-    LUA_OK("ws.set_debug(log_path); open_again()");
-    const std::string first = contents();
-    EXPECT_THAT(first, HasSubstr("come in open\n"));
-    LUA_OK("ws.set_debug('NULL'); open_again()");
-    EXPECT_EQ(contents(), first);
-    LUA_OK("ws.set_debug('null')");
-    EXPECT_TRUE(debug_log_enabled()) << "only the exact text NULL turns logging off";
-}
+using DebugLogTest = LuaTest;
 
-TEST_F(DebugLogTest, LineFormatCarriesTimeUnitFunctionAndPaddedLine) {
-    LUA_OK("ws.set_debug(log_path); open_again()");
+TEST_F(DebugLogTest, OnlyBetweenSetDebugAndNULLWithTheLineFormat) {
+    char pattern[] = "/tmp/ws_client_log_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    const fs::path dir = pattern, log = dir / "debug.log";
+    set_global("log_path", log.string());
+    expose("open_again", luaopen_ws_client);
+    LUA_OK("open_again(); ws.set_debug(log_path .. '/missing/dir/x.log'); open_again()");
+    EXPECT_TRUE(fs::is_empty(dir)) << "off by default; an unwritable path is quiet";
+    LUA_OK("ws.set_debug(table.concat({ log_path })); collectgarbage('collect'); open_again()");
     const std::regex line(
         R"(\[Time: (Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}, )"
         R"(File: luacli, Function: luaopen_ws_client, Line: [0-9]{5}\]: come in open\n)");
-    EXPECT_TRUE(std::regex_match(contents(), line)) << contents();
+    EXPECT_TRUE(std::regex_match(contents(log), line)) << contents(log);
+    fs::remove(log);
+    LUA_OK("open_again(); ws.set_debug('NULL'); open_again()");
+    const std::string text = contents(log);
+    EXPECT_THAT(text, ::testing::EndsWith("]: come in open\n")) << "reopened for every line";
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "off after NULL";
+    LUA_OK("ws.set_debug('null')");
+    EXPECT_TRUE(debug_log_enabled()) << "only the exact text NULL turns logging off";
+    fs::remove_all(dir);
+    EXPECT_THAT(run("ws.set_debug()"), HasSubstr("bad argument #1 to 'set_debug' (string expected, got no value)"));
+    EXPECT_THAT(run("ws.set_debug(string.rep('a', 5000))"), HasSubstr("path too long"));
 }
 
 TEST_F(DebugLogTest, LineNumbersPadToFiveDigitsAndErrnoSurvives) {
+    const std::string log = testing::TempDir() + "ws_client_debug" + std::to_string(getpid()) + ".log";
+    std::remove(log.c_str());
     ASSERT_TRUE(debug_log_set_path(log.c_str()));
     errno = ECONNRESET;
     debug_log_write("tcp", "tcp_recv", 47, "n=%d\n", 3);
     EXPECT_EQ(errno, ECONNRESET);
     debug_log_write("tcp", "tcp_recv", 123456, "%s", "\n\nblank lines kept\n\n");
-    const std::string text = contents();
+    const std::string text = contents(log);
+    std::remove(log.c_str());
     EXPECT_THAT(text, HasSubstr(", File: tcp, Function: tcp_recv, Line: 00047]: n=3\n["));
     EXPECT_THAT(text, HasSubstr("Line: 123456]: \n\nblank lines kept\n\n"));
-}
-
-TEST_F(DebugLogTest, FileRecreatedAfterRemovalAndPathOutlivesScriptString) {
-    LUA_OK(R"(
-        ws.set_debug(table.concat({ log_path }))  -- a fresh string nobody keeps
-        collectgarbage("collect")
-        open_again()
-    )");
-    ASSERT_TRUE(fs::exists(log));
-    fs::remove(log);
-    LUA_OK("open_again()");
-    EXPECT_THAT(contents(), HasSubstr("come in open"));
-}
-
-TEST_F(DebugLogTest, UnwritablePathIsQuiet) {
-    LUA_OK("ws.set_debug(log_path .. '/missing/dir/x.log'); open_again()");
-    EXPECT_FALSE(fs::exists(dir / "missing"));
-}
-
-TEST_F(DebugLogTest, SetDebugChecksItsArgument) {
-    EXPECT_THAT(run("ws.set_debug()"), HasSubstr("bad argument #1 to 'set_debug' (string expected, got no value)"));
-    EXPECT_THAT(run("ws.set_debug(string.rep('a', 5000))"), HasSubstr("path too long"));
 }

@@ -20,7 +20,30 @@ protected:
     void expose(const char* name, lua_CFunction function);
     std::string global_string(const char* name);
     double global_number(const char* name);
+    void set_global(const char* name, double value);
+    void set_global(const char* name, const std::string& value);
 };
 
 // Runs a snippet and fails the test with the interpreter's message.
 #define LUA_OK(code) ASSERT_EQ(run(code), "")
+
+// For tests with real sockets; closes every socket a test left open. Snippets get:
+//   events(): what the callbacks of opts() noted, joined by "|":
+//     "open", "message" (data, from, port in message, from_, port_),
+//     "error:<errno>:<text>", "close:<reason>"
+//   opts(t): t with recording callbacks where it has none
+//   tcp_opts(port, extra): plain TCP options to 127.0.0.1:port
+//   fd_of(obj), status_of(obj), copy_tcp(obj) (a byte-for-byte copy)
+//   recv_tcp(fd) -> result, err: the TCP receive path, once fd is readable
+//   bind_loopback(obj) -> port; peer_open() -> fd, port
+//   peer_send(fd, port, data); peer_recv(fd[, wait]) -> data, port | nothing
+//   fd_is_open(fd), close_fd(fd), now() -> monotonic seconds
+class SocketTest : public LuaTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    std::string events();
+
+private:
+    int first_free_fd_ = 0;
+};

@@ -1,11 +1,13 @@
-// Test peers on 127.0.0.1: an in-process one-connection TCP server driven by
-// a handler, and `openssl s_server` as an independent TLS server, with
-// certificates made by the `openssl` command at test time.
+// Test peers on 127.0.0.1: loopback addresses, an in-process one-connection
+// TCP server driven by a handler, and `openssl s_server` as an independent TLS
+// server, with certificates made by the `openssl` command at test time.
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -16,9 +18,18 @@ namespace peers {
 
 using namespace std::chrono_literals;
 
-// Accepts one connection (waiting at most 10 s) on a port picked at run time
-// and runs the handler on it in a thread; the connection is closed after the
-// handler unless the handler reset it.
+sockaddr_in loopback(uint16_t port);
+// Binds fd to 127.0.0.1 on a port picked by the system; the port, or -1.
+int bind_loopback(int fd);
+// A listening TCP socket on 127.0.0.1; its port in *port.
+int listen_loopback(int backlog, uint16_t* port);
+// A port on which nothing listens (connects are refused).
+uint16_t closed_port();
+// Waits until fd is readable or has an error pending; false after `limit`.
+bool wait_readable(int fd, std::chrono::milliseconds limit = 5000ms);
+
+// Accepts one connection (waiting at most 10 s) and runs the handler on it in
+// a thread; the connection is closed after the handler unless it reset it.
 class tcp_peer {
 public:
     using handler = std::function<void(int fd)>;
@@ -42,11 +53,6 @@ void send_all(int fd, std::string_view data);
 std::string read_until_closed(int fd, std::chrono::milliseconds limit = 5000ms);
 // Closes with SO_LINGER 0: the client gets a reset instead of an orderly end.
 void reset(int& fd);
-
-// A port on which nothing listens (connects are refused).
-uint16_t closed_port();
-// Waits until fd is readable or has an error pending; false after `limit`.
-bool wait_readable(int fd, std::chrono::milliseconds limit = 5000ms);
 
 // Self-signed EC certificates and keys in a fresh temporary directory.
 struct certificates {
@@ -72,7 +78,7 @@ public:
 
 private:
     pid_t pid_ = -1;
-    int output_ = -1;
+    FILE* output_ = nullptr;
     uint16_t port_ = 0;
     std::string printed_;
 };
