@@ -18,12 +18,11 @@ TEST(Handshake, AcceptFollowsTheRfcAndKeysChangeOnlyWithTheSecond) {
     EXPECT_EQ(sec_websocket_accept("dGhlIHNhbXBsZSBub25jZQ==", value), 0);
     EXPECT_STREQ(value, kAccept);
     char first[TEXT_FIELD_SIZE], second[TEXT_FIELD_SIZE];
-    std::time_t before;
-    do {  // again if the clock ticked between the two keys
+    for (std::time_t before = 0; before != std::time(nullptr);) {  // again if the clock ticked in between
         before = std::time(nullptr);
         sec_websocket_key(first);
         sec_websocket_key(second);
-    } while (std::time(nullptr) != before);
+    }
     EXPECT_STREQ(first, second);
     EXPECT_THAT(first, ::testing::MatchesRegex("[A-Za-z0-9+/]{22}=="));
 }

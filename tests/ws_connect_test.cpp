@@ -49,7 +49,8 @@ protected:
     void SetUp() override {
         LuaTest::SetUp();
         expose("fd_status", [](lua_State* L) {
-            return lua_pushinteger(L, check_ws_client(L, 1)->sockfd), lua_pushinteger(L, check_ws_client(L, 1)->status), 2;
+            const ws_record* ws = check_ws_client(L, 1);
+            return lua_pushinteger(L, ws->sockfd), lua_pushinteger(L, ws->status), 2;
         });
         // the status of the record registered for a descriptor; whether the loop watches it
         expose("registry", [](lua_State* L) {
@@ -69,7 +70,7 @@ protected:
         LUA_OK(kHelpers);
     }
     std::string events() { return global_string("events"); }
-    static std::string port(const peers::script_peer& peer) { return std::to_string(peer.port()); }
+    static std::string port(const peers::script_peer& peer) { return std::to_string(peer.port); }
 };
 
 }  // namespace
@@ -124,16 +125,13 @@ TEST_F(WsTest, ReceivedFramesFollowTheReadBoundaries) {
                              {step::send, text("one") + text("two")},  // both, in order
                              {step::send, peers::server_frame(0x89, "ping data") + text("dropped")},
                              {step::read, "", 6},  // an empty pong
-                             {step::send, split.substr(0, 302)},  // completed by a further read
-                             {step::send, split.substr(302)},
-                             {step::send, text(std::string(300, 'm'))},
-                             {step::send, text(std::string(70000, 'l'))},
+                             {step::send, split.substr(0, 302)}, {step::send, split.substr(302)},  // completed
+                             {step::send, text(std::string(300, 'm'))}, {step::send, text(std::string(70000, 'l'))},
                              {step::send, std::string("\x81\x7f\0\0\0\0\0\0\0\x03" "abc", 13)},  // network order
-                             {step::send, peers::server_frame(0x82, "binary")},
+                             {step::send, peers::server_frame(0x82, "binary")},  // dropped, as are the next two
                              {step::send, peers::server_frame(0x8a, "pong")},
                              {step::send, peers::server_frame(0xc1, "rsv")},
-                             {step::send, std::string("\x81\x05" "ab\0cd", 7)},  // waits for more at the zero
-                             {step::send, "XYZ"},
+                             {step::send, std::string("\x81\x05" "ab\0cd", 7)}, {step::send, "XYZ"},  // a zero waits
                              // the cut header is parsed over zeros, counted by the doubled length
                              {step::send, text("a") + "\x81\x7f"},
                              {step::send, text("bye") + peers::server_frame(0x88, "\x03\xe8")},
@@ -195,7 +193,7 @@ TEST_F(WsTest, FullSocketTableReportsWithoutCloseAndReturnsNil) {
 TEST_F(WsTest, ConnectGivesThreeCopiesAndClosesFollowTheCopyUsed) {
     peers::script_peer peer({{step::upgrade}, {step::drain}});
     LUA_OK("local fresh = ws.new('websocket')\nws.ws_close(fresh)  -- never connected: closed quietly\n"
-           "note(status(fresh), fd(fresh))\nc = open(" + std::to_string(peer.port() + 65536) + R"(, {
+           "note(status(fresh), fd(fresh))\nc = open(" + std::to_string(peer.port + 65536) + R"(, {
             on_open = function() note('open', status(w), registry(fd(w))) end })  -- the port modulo 65536
         local f = fd(c)
         note(c ~= w and fd(w) == f, status(c), status(w), registry(f))
@@ -259,9 +257,10 @@ TEST_F(WsTest, RecordsSurviveCollectionInCallbacks) {
 TEST_F(WsTest, InteroperatesWithAnIndependentServerPlainAndOverTls) {
     for (const bool tls : {false, true}) {
         peers::echo_server server(tls);
-        ASSERT_NE(server.port(), 0);
-        LUA_OK("events, port, tls = '', " + std::to_string(server.port()) + ", " + (tls ? "true" : "false") + R"(
-            url, sizes, got, base = tls and 'wss://127.0.0.1/' or 'ws://127.0.0.1/', { 1, 125, 126, 4000, 65535 }, {}, tls_sessions()
+        ASSERT_NE(server.port, 0);
+        LUA_OK("events, port, tls = '', " + std::to_string(server.port) + ", " + (tls ? "true" : "false") + R"(
+            url, base = tls and 'wss://127.0.0.1/' or 'ws://127.0.0.1/', tls_sessions()
+            sizes, got = { 1, 125, 126, 4000, 65535 }, {}
             local function send_next()
                 local size = sizes[#got + 1]
                 ws.ws_send(c, size and string.rep(string.char(65 + #got), size) or 'please ping')
@@ -277,14 +276,13 @@ TEST_F(WsTest, InteroperatesWithAnIndependentServerPlainAndOverTls) {
             for _, first in ipairs({ 'c', 'w' }) do
                 local copies = { c = open(port, { url = url }), w = w }
                 note(tls_sessions() - base == (tls and 1 or 0))
-                ws.ws_close(copies[first])
-                ws.ws_close(copies[first == 'c' and 'w' or 'c'])
+                ws.ws_close(copies[first]); ws.ws_close(copies[first == 'c' and 'w' or 'c'])
                 note(tls_sessions() - base)
             end
         )");
         const std::string second_close = tls ? "" : "error Socket has been closed!;close User do close;";
-        EXPECT_THAT(events(), MatchesRegex("open;error [^;]*;close [^;]*;pong seen 6 0;(open;true;close User do close;" +
-                                           second_close + "0;){2}"))
+        EXPECT_THAT(events(), MatchesRegex("open;error [^;]*;close [^;]*;pong seen 6 0;"
+                                           "(open;true;close User do close;" + second_close + "0;){2}"))
             << (tls ? "wss" : "ws");
     }
 }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
 namespace peers {
@@ -23,12 +24,10 @@ bool readable(int fd, int ms) {
 
 bool take(int fd, std::string& into, std::size_t count) {
     char chunk[65536];
-    for (ssize_t got = 1; count > 0 && got > 0 && readable(fd, 5000); count -= static_cast<std::size_t>(got)) {
-        if ((got = recv(fd, chunk, std::min(count, sizeof chunk), 0)) <= 0)
+    for (ssize_t got; count > 0; count -= static_cast<std::size_t>(got), into.append(chunk, chunk + got))
+        if (!readable(fd, 5000) || (got = recv(fd, chunk, std::min(count, sizeof chunk), 0)) <= 0)
             return false;
-        into.append(chunk, static_cast<std::size_t>(got));
-    }
-    return count == 0;
+    return true;
 }
 
 // The client runs in this process: its end is the socket whose ports mirror ours.
@@ -45,13 +44,17 @@ int client_end(int fd) {
     return -1;
 }
 
-// Sends, then waits until our bytes are acknowledged and the client's queue is empty.
+// Sends, then waits until our bytes are acknowledged and the client's queue
+// is empty, or the client is gone.
 void send_read(int fd, int client, const std::string& bytes) {
     send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // blocking: all of it
-    int unsent = 1, unread = 1;
-    for (int waited = 0; waited < 5000 && unsent + unread > 0; ++waited, usleep(1000))
-        if (ioctl(fd, SIOCOUTQ, &unsent) != 0 || (unsent == 0 && ioctl(client, FIONREAD, &unread) != 0))
+    char byte;
+    for (int waited = 0, unsent = 1, unread = 1; waited < 5000 && unsent + unread > 0; ++waited, usleep(1000)) {
+        const ssize_t peek = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);  // a reset leaves SIOCOUTQ as it was
+        if (peek == 0 || (peek < 0 && errno != EAGAIN) || ioctl(fd, SIOCOUTQ, &unsent) != 0 ||
+            (unsent == 0 && ioctl(client, FIONREAD, &unread) != 0))
             return;
+    }
 }
 
 std::string accept_value(const std::string& key) {
@@ -64,35 +67,34 @@ std::string accept_value(const std::string& key) {
 }  // namespace
 
 script_peer::script_peer(std::vector<step> steps) {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t size = sizeof address;
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        (!steps.empty() && listen(listener_, 1) != 0) ||
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        (!steps.empty() && listen(listener, 1) != 0) ||
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0)
         return;
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, steps = std::move(steps)] {
-        const int fd = readable(listener_, 10000) ? accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    port = ntohs(address.sin_port);
+    thread = std::thread([this, steps = std::move(steps)] {
+        const int fd = readable(listener, 10000) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
         if (fd < 0)
             return;
         const int client = client_end(fd);
-        std::string& seen = transcript_;
-        for (const step& now : steps) {
-            if (now.what == step::upgrade) {
+        for (auto now = steps.begin(); now != steps.end(); ++now) {
+            if (now->what == step::upgrade) {
                 while (seen.find("\r\n\r\n") == std::string::npos && take(fd, seen, 1)) {
                 }
                 const auto key = std::min(seen.find("Key: ") + 5, seen.size());
-                send_read(fd, client, !now.bytes.empty() ? now.bytes
+                send_read(fd, client, !now->bytes.empty() ? now->bytes
                                       : "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: "
                                         "Upgrade\r\nSec-WebSocket-Accept: " + accept_value(seen.substr(key, 24)) +
                                             "\r\n\r\n");
-            } else if (now.what == step::send) {
-                send_read(fd, client, now.bytes);
-            } else if (now.what == step::read || now.what == step::drain) {
-                take(fd, seen, now.what == step::read ? now.count : SIZE_MAX);
-            } else if (now.what == step::hold) {
-                for (int waited = 0; waited < 10000 && !stop_; ++waited)
+            } else if (now->what == step::send) {
+                send_read(fd, client, now->bytes);
+            } else if (now->what == step::read || now->what == step::drain) {
+                take(fd, seen, now->what == step::read ? now->count : SIZE_MAX);
+            } else if (now->what == step::hold) {
+                for (int waited = 0; waited < 10000 && !stop; ++waited)
                     usleep(1000);
             } else {
                 const linger abort_on_close{1, 0};
@@ -104,15 +106,15 @@ script_peer::script_peer(std::vector<step> steps) {
 }
 
 script_peer::~script_peer() {
-    stop_ = true;
+    stop = true;
     transcript();
-    close(listener_);
+    close(listener);
 }
 
 const std::string& script_peer::transcript() {
-    if (thread_.joinable())
-        thread_.join();
-    return transcript_;
+    if (thread.joinable())
+        thread.join();
+    return seen;
 }
 
 std::vector<std::pair<std::string, std::string>> client_frames(std::string_view bytes) {
@@ -150,17 +152,17 @@ echo_server::echo_server(bool tls) {
         return;
     const std::string command = "exec /usr/bin/python3 '" WS_CLIENT_SOURCE_DIR "/tests/peers/ws_echo_server.py'" +
                                 std::string(tls ? " --tls" : "") + " >/dev/fd/" + std::to_string(printed[1]);
-    input_ = popen(command.c_str(), "we");  // the server leaves when its input closes
+    input = popen(command.c_str(), "we");  // the server leaves when its input closes
     close(printed[1]);
     FILE* output = fdopen(printed[0], "r");
-    if (input_ == nullptr || !readable(printed[0], 10000) || std::fscanf(output, "%hu", &port_) != 1)
-        port_ = 0;
+    if (input == nullptr || !readable(printed[0], 10000) || std::fscanf(output, "%hu", &port) != 1)
+        port = 0;
     std::fclose(output);
 }
 
 echo_server::~echo_server() {
-    if (input_ != nullptr)
-        pclose(input_);
+    if (input != nullptr)
+        pclose(input);
 }
 
 }  // namespace peers

@@ -21,19 +21,16 @@ struct step {
     std::size_t count = 0;
 };
 
-class script_peer {
-public:
+struct script_peer {
     explicit script_peer(std::vector<step> steps);
     ~script_peer();
-    uint16_t port() const { return port_; }
     const std::string& transcript();  // all the client sent, once the script ended
 
-private:
-    int listener_ = -1;
-    uint16_t port_ = 0;
-    std::atomic<bool> stop_{false};
-    std::string transcript_;
-    std::thread thread_;
+    int listener = -1;
+    uint16_t port = 0;
+    std::atomic<bool> stop{false};
+    std::string seen;
+    std::thread thread;
 };
 
 // Client frames in `bytes`: header up to the masking key (127 class: length
@@ -42,15 +39,11 @@ std::vector<std::pair<std::string, std::string>> client_frames(std::string_view 
 // An unmasked final frame; 127 class least significant first.
 std::string server_frame(uint8_t first_byte, std::string_view payload);
 
-class echo_server {  // stopped when destroyed; port 0 if it did not start
-public:
+struct echo_server {  // stopped when destroyed; port 0 if it did not start
     explicit echo_server(bool tls);
     ~echo_server();
-    uint16_t port() const { return port_; }
-
-private:
-    FILE* input_ = nullptr;
-    uint16_t port_ = 0;
+    FILE* input = nullptr;
+    uint16_t port = 0;
 };
 
 }  // namespace peers
