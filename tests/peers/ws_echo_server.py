@@ -1,18 +1,9 @@
 #!/usr/bin/python3
-# Echo server on 127.0.0.1 built on Debian's python3-websockets, an
-# independent implementation for interoperability tests and the benchmark.
-#
-#   ws_echo_server.py [--tls CERT KEY] [--lifetime SECONDS]
-#
-# Prints the port it listens on, then echoes every message. Two texts are
-# commands: "please ping" sends a ping with an empty payload and, once the
-# pong came, the text "pong seen"; "please close" closes with code 1000.
-# Exits when stdin closes (the parent is gone) or after --lifetime seconds.
-import argparse
-import asyncio
-import ssl
-import sys
-
+# Echo server on 127.0.0.1 (python3-websockets), an independent peer for the
+# tests and the benchmark: prints its port, echoes every message, but pings on
+# "please ping" (then sends "pong seen") and closes with 1000 on "please close".
+# --tls: with a certificate made now by openssl. Ends when stdin closes (120 s at most).
+import asyncio, os, ssl, subprocess, sys, tempfile  # noqa: E401
 import websockets
 
 
@@ -30,33 +21,23 @@ async def echo(connection, path=None):
         pass
 
 
-async def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--tls", nargs=2, metavar=("CERT", "KEY"))
-    parser.add_argument("--lifetime", type=float, default=120)
-    args = parser.parse_args()
-    context = None
-    if args.tls:
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        context.load_cert_chain(args.tls[0], args.tls[1])
+async def main(context):
     server = await websockets.serve(echo, "127.0.0.1", 0, ssl=context, ping_interval=None,
                                     max_size=None, compression=None)
-    port = server.sockets[0].getsockname()[1]
-    print(port, flush=True)
-    loop = asyncio.get_running_loop()
-    stdin_closed = loop.run_in_executor(None, sys.stdin.read)
-    await asyncio.wait([stdin_closed, asyncio.ensure_future(asyncio.sleep(args.lifetime))],
+    print(server.sockets[0].getsockname()[1], flush=True)
+    stdin_closed = asyncio.get_running_loop().run_in_executor(None, sys.stdin.read)
+    await asyncio.wait([stdin_closed, asyncio.ensure_future(asyncio.sleep(120))],
                        return_when=asyncio.FIRST_COMPLETED)
-    server.close()
-    await server.wait_closed()
+    os._exit(0)  # the stdin reader thread may still block
 
 
-if __name__ == "__main__":
-    try:
-        asyncio.run(main())
-    except KeyboardInterrupt:
-        pass
-    # the stdin reader thread may still block: leave without waiting for it
-    sys.stdout.flush()
-    import os
-    os._exit(0)
+context = None
+if sys.argv[1:] == ["--tls"]:
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    with tempfile.TemporaryDirectory() as temp:
+        crt, key = os.path.join(temp, "crt.pem"), os.path.join(temp, "key.pem")
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                        "-nodes", "-subj", "/CN=127.0.0.1", "-keyout", key, "-out", crt], check=True,
+                       capture_output=True)
+        context.load_cert_chain(crt, key)
+asyncio.run(main(context))

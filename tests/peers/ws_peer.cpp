@@ -1,192 +1,168 @@
 #include "ws_peer.h"
 
-#include <fcntl.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/sha.h>
-#include <signal.h>
-#include <spawn.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <vector>
-
-#ifndef WS_CLIENT_SOURCE_DIR
-#error "WS_CLIENT_SOURCE_DIR must name the source tree"
-#endif
-
-extern char** environ;
 
 namespace peers {
 
 namespace {
 
-// Exactly `count` bytes, or false once the peer ends or 5 s pass.
-bool read_exactly(int fd, std::string& into, std::size_t count) {
-    const std::size_t start = into.size();
-    into.resize(start + count);
-    std::size_t have = 0;
-    while (have < count) {
-        if (!wait_readable(fd, 5000ms))
+bool readable(int fd, int ms) {
+    pollfd ready{fd, POLLIN, 0};
+    return poll(&ready, 1, ms) == 1;
+}
+
+bool take(int fd, std::string& into, std::size_t count) {
+    char chunk[65536];
+    for (ssize_t got; count > 0; count -= static_cast<std::size_t>(got), into.append(chunk, chunk + got))
+        if (!readable(fd, 5000) || (got = recv(fd, chunk, std::min(count, sizeof chunk), 0)) <= 0)
             return false;
-        const ssize_t got = recv(fd, into.data() + start + have, count - have, 0);
-        if (got <= 0)
-            return false;
-        have += static_cast<std::size_t>(got);
-    }
     return true;
 }
 
-}  // namespace
-
-std::string read_upgrade_request(int fd) {
-    std::string request;
-    while (request.find("\r\n\r\n") == std::string::npos) {
-        if (!read_exactly(fd, request, 1))  // byte by byte: nothing after the blank line is taken
-            return "";
-    }
-    return request;
+// The client runs in this process: its end is the socket whose ports mirror ours.
+int client_end(int fd) {
+    sockaddr_in ends[4]{};
+    socklen_t size = sizeof ends[0];
+    getsockname(fd, reinterpret_cast<sockaddr*>(&ends[0]), &size);
+    getpeername(fd, reinterpret_cast<sockaddr*>(&ends[1]), &size);
+    for (int other = 0; other < 4096; ++other)
+        if (other != fd && getsockname(other, reinterpret_cast<sockaddr*>(&ends[2]), &size) == 0 &&
+            getpeername(other, reinterpret_cast<sockaddr*>(&ends[3]), &size) == 0 &&
+            ends[2].sin_port == ends[1].sin_port && ends[3].sin_port == ends[0].sin_port)
+            return other;
+    return -1;
 }
 
-std::string header_value(const std::string& request, std::string_view name) {
-    const std::string prefix = "\r\n" + std::string(name) + ": ";
-    const auto start = request.find(prefix);
-    if (start == std::string::npos)
-        return "";
-    const auto value = start + prefix.size();
-    return request.substr(value, request.find("\r\n", value) - value);
+// Sends, then waits until our bytes are acknowledged and the client's queue
+// is empty, or the client is gone.
+void send_read(int fd, int client, const std::string& bytes) {
+    send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // blocking: all of it
+    char byte;
+    for (int waited = 0, unsent = 1, unread = 1; waited < 5000 && unsent + unread > 0; ++waited, usleep(1000)) {
+        const ssize_t peek = recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);  // a reset leaves SIOCOUTQ as it was
+        if (peek == 0 || (peek < 0 && errno != EAGAIN) || ioctl(fd, SIOCOUTQ, &unsent) != 0 ||
+            (unsent == 0 && ioctl(client, FIONREAD, &unread) != 0))
+            return;
+    }
 }
 
 std::string accept_value(const std::string& key) {
     const std::string joined = key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
-    unsigned char digest[SHA_DIGEST_LENGTH];
+    unsigned char digest[SHA_DIGEST_LENGTH], encoded[32];
     SHA1(reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest);
-    unsigned char encoded[4 * ((SHA_DIGEST_LENGTH + 2) / 3) + 1];
-    const int length = EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH);
-    return std::string(reinterpret_cast<char*>(encoded), static_cast<std::size_t>(length));
+    return std::string(reinterpret_cast<char*>(encoded), EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH));
 }
 
-std::string upgrade_answer(const std::string& accept, std::string_view accept_header) {
-    return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n" +
-           std::string(accept_header) + ": " + accept + "\r\n\r\n";
-}
+}  // namespace
 
-std::string accept_upgrade(int fd) {
-    const std::string request = read_upgrade_request(fd);
-    send_all(fd, upgrade_answer(accept_value(header_value(request, "Sec-WebSocket-Key"))));
-    return request;
-}
-
-client_frame read_client_frame(int fd) {
-    client_frame frame;
-    std::string& raw = frame.header;
-    if (!read_exactly(fd, raw, 2))
-        return frame;
-    frame.first = static_cast<uint8_t>(raw[0]);
-    frame.masked = (static_cast<uint8_t>(raw[1]) & 0x80) != 0;
-    frame.length_code = static_cast<uint8_t>(raw[1]) & 0x7f;
-    frame.length = frame.length_code;
-    if (frame.length_code == 126) {
-        if (!read_exactly(fd, raw, 2))
-            return frame;
-        frame.length = (static_cast<uint64_t>(static_cast<uint8_t>(raw[2])) << 8) | static_cast<uint8_t>(raw[3]);
-    } else if (frame.length_code == 127) {
-        if (!read_exactly(fd, raw, 8))
-            return frame;
-        // bytes 2-5: the length, least significant first; 6-9: not length
-        frame.length = 0;
-        for (int i = 5; i >= 2; --i)
-            frame.length = (frame.length << 8) | static_cast<uint8_t>(raw[static_cast<std::size_t>(i)]);
-    }
-    if (frame.masked && !read_exactly(fd, raw, 4))
-        return frame;
-    if (frame.length > (64u << 20) || !read_exactly(fd, frame.payload, frame.length))
-        return frame;
-    if (frame.masked) {
-        const std::string key = raw.substr(raw.size() - 4);
-        for (std::size_t i = 0; i < frame.payload.size(); ++i)
-            frame.payload[i] = static_cast<char>(frame.payload[i] ^ key[i % 4]);
-    }
-    frame.complete = true;
-    return frame;
-}
-
-std::string server_frame(uint8_t opcode, std::string_view payload, bool final, bool network_order) {
-    std::string frame;
-    frame.push_back(static_cast<char>((final ? 0x80 : 0x00) | opcode));
-    const uint64_t length = payload.size();
-    if (length < 126) {
-        frame.push_back(static_cast<char>(length));
-    } else if (length <= 0xffff) {
-        frame.push_back(static_cast<char>(126));
-        frame.push_back(static_cast<char>(length >> 8));
-        frame.push_back(static_cast<char>(length & 0xff));
-    } else {
-        frame.push_back(static_cast<char>(127));
-        for (int i = 0; i < 8; ++i) {
-            const int shift = network_order ? 8 * (7 - i) : 8 * i;
-            frame.push_back(static_cast<char>((length >> shift) & 0xff));
+script_peer::script_peer(std::vector<step> steps) {
+    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size = sizeof address;
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+        (!steps.empty() && listen(listener, 1) != 0) ||
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        return;
+    port = ntohs(address.sin_port);
+    thread = std::thread([this, steps = std::move(steps)] {
+        const int fd = readable(listener, 10000) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        if (fd < 0)
+            return;
+        const int client = client_end(fd);
+        for (auto now = steps.begin(); now != steps.end(); ++now) {
+            if (now->what == step::upgrade) {
+                while (seen.find("\r\n\r\n") == std::string::npos && take(fd, seen, 1)) {
+                }
+                const auto key = std::min(seen.find("Key: ") + 5, seen.size());
+                send_read(fd, client, !now->bytes.empty() ? now->bytes
+                                      : "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: "
+                                        "Upgrade\r\nSec-WebSocket-Accept: " + accept_value(seen.substr(key, 24)) +
+                                            "\r\n\r\n");
+            } else if (now->what == step::send) {
+                send_read(fd, client, now->bytes);
+            } else if (now->what == step::read || now->what == step::drain) {
+                take(fd, seen, now->what == step::read ? now->count : SIZE_MAX);
+            } else if (now->what == step::hold) {
+                for (int waited = 0; waited < 10000 && !stop; ++waited)
+                    usleep(1000);
+            } else {
+                const linger abort_on_close{1, 0};
+                setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close);
+            }
         }
-    }
-    frame.append(payload);
-    return frame;
+        close(fd);
+    });
 }
 
-echo_server::echo_server(const std::filesystem::path* crt, const std::filesystem::path* key) {
-    int to_child[2];
-    int from_child[2];
-    if (pipe(to_child) == -1 || pipe(from_child) == -1) {
-        std::perror("pipe");
-        std::abort();
-    }
-    std::vector<std::string> arguments = {"/usr/bin/python3", WS_CLIENT_SOURCE_DIR "/tests/peers/ws_echo_server.py"};
-    if (crt != nullptr && key != nullptr)
-        arguments.insert(arguments.end(), {"--tls", crt->string(), key->string()});
-    std::vector<char*> argv;
-    for (std::string& argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, to_child[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, from_child[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, to_child[1]);
-    posix_spawn_file_actions_addclose(&actions, from_child[0]);
-    // The server must not keep the test's own sockets open.
-    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-        std::perror("posix_spawn python3");
-        std::abort();
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    close(to_child[0]);
-    close(from_child[1]);
-    input_ = to_child[1];
-    fcntl(input_, F_SETFD, FD_CLOEXEC);
-    std::string printed;
-    char chunk[64];
-    while (printed.find('\n') == std::string::npos) {
-        if (!wait_readable(from_child[0], 10000ms))
+script_peer::~script_peer() {
+    stop = true;
+    transcript();
+    close(listener);
+}
+
+const std::string& script_peer::transcript() {
+    if (thread.joinable())
+        thread.join();
+    return seen;
+}
+
+std::vector<std::pair<std::string, std::string>> client_frames(std::string_view bytes) {
+    std::vector<std::pair<std::string, std::string>> frames;
+    for (std::size_t header, length; bytes.size() >= 2; bytes.remove_prefix(header + 4 + length)) {
+        const auto at = [&](std::size_t i) { return static_cast<uint64_t>(static_cast<uint8_t>(bytes[i])); };
+        header = (at(1) & 0x7f) == 126 ? 4 : (at(1) & 0x7f) == 127 ? 10 : 2;
+        if (bytes.size() < header + 4)
             break;
-        const ssize_t got = read(from_child[0], chunk, sizeof chunk);
-        if (got <= 0)
+        length = header == 4 ? at(2) << 8 | at(3) : header == 10 ? at(2) | at(3) << 8 | at(4) << 16 | at(5) << 24
+                                                                 : at(1) & 0x7f;
+        if (bytes.size() < header + 4 + length)
             break;
-        printed.append(chunk, static_cast<std::size_t>(got));
+        std::string payload(bytes.substr(header + 4, length));
+        for (std::size_t i = 0; i < length; ++i)
+            payload[i] = static_cast<char>(payload[i] ^ bytes[header + i % 4]);
+        frames.emplace_back(bytes.substr(0, header), std::move(payload));
     }
-    close(from_child[0]);
-    port_ = static_cast<uint16_t>(std::atoi(printed.c_str()));
+    return frames;
+}
+
+std::string server_frame(uint8_t first_byte, std::string_view payload) {
+    std::string frame{static_cast<char>(first_byte)};
+    const uint64_t length = payload.size();
+    const int bytes = length < 126 ? 0 : length <= 0xffff ? 2 : 8;
+    frame += static_cast<char>(bytes == 0 ? length : bytes == 2 ? 126 : 127);
+    for (int i = 0; i < bytes; ++i)  // 16 bits in network order, 64 bits least significant first
+        frame += static_cast<char>(length >> 8 * (bytes == 2 ? 1 - i : i));
+    return frame.append(payload);
+}
+
+echo_server::echo_server(bool tls) {
+    int printed[2];  // the port
+    if (pipe(printed) != 0)
+        return;
+    const std::string command = "exec /usr/bin/python3 '" WS_CLIENT_SOURCE_DIR "/tests/peers/ws_echo_server.py'" +
+                                std::string(tls ? " --tls" : "") + " >/dev/fd/" + std::to_string(printed[1]);
+    input = popen(command.c_str(), "we");  // the server leaves when its input closes
+    close(printed[1]);
+    FILE* output = fdopen(printed[0], "r");
+    if (input == nullptr || !readable(printed[0], 10000) || std::fscanf(output, "%hu", &port) != 1)
+        port = 0;
+    std::fclose(output);
 }
 
 echo_server::~echo_server() {
-    if (input_ != -1)
-        close(input_);  // the server leaves when its stdin closes
-    if (pid_ > 0) {
-        kill(pid_, SIGTERM);
-        int status = 0;
-        waitpid(pid_, &status, 0);
-    }
+    if (input != nullptr)
+        pclose(input);
 }
 
 }  // namespace peers
