@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "peers/tcp_peer.h"
+#include "peers/peer.h"
 #include "tcp.h"
 
 void LuaTest::SetUp() {

@@ -8,15 +8,14 @@
 
 #include <cerrno>
 #include <cstring>
-#include <future>
 
 #include "lua_fixture.h"
-#include "peers/tcp_peer.h"
+#include "peers/peer.h"
 #include "tcp.h"
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using namespace std::chrono_literals;
+using peers::step;
 
 namespace {
 
@@ -25,24 +24,24 @@ const std::string kChunked73 =
 
 class TcpTest : public SocketTest {
 protected:
-    // Connects to a peer running `handler`, then runs `snippet` (conn is the connection).
-    void with_peer(const peers::tcp_peer::handler& handler, const std::string& snippet) {
-        peers::tcp_peer peer(handler);
-        set_global("port", peer.port());
-        LUA_OK("message = nil; conn = ws.tcp_connect(ws.tcp_new(), tcp_opts(port)); " + snippet);
+    // Connects to `peer`, then runs `snippet` (conn is the connection); what the client sent.
+    std::string with_peer(std::vector<step> steps, const std::string& snippet) {
+        peers::script_peer peer(std::move(steps));
+        set_global("port", peer.port);
+        EXPECT_EQ(run("message = nil; conn = ws.tcp_connect(ws.tcp_new(), tcp_opts(port)); " + snippet), "");
+        return peer.transcript();
     }
     // The receive path once on what a peer sends before it closes.
     void deliver(const std::string& reply) {
-        with_peer([&reply](int fd) { peers::send_all(fd, reply); }, "n = recv_tcp(fd_of(conn)); ws.tcp_close(conn)");
+        with_peer({{step::send, reply}}, "n = recv_tcp(fd_of(conn)); ws.tcp_close(conn)");
     }
 };
 
 }  // namespace
 
 TEST_F(TcpTest, ConnectOpensBeforeReturningTheRegisteredObjectAndCloseUndoesIt) {
-    std::promise<void> accepted;  // before the close: accept() would take the closed number
-    peers::tcp_peer peer([&accepted](int fd) { accepted.set_value(), peers::read_until_closed(fd); });
-    set_global("port", peer.port());
+    peers::script_peer peer(std::vector<step>{{step::drain}});
+    set_global("port", peer.port);
     LUA_OK(R"(
         obj = ws.new("tcp")
         local o = tcp_opts(port + 65536)  -- only the low 16 bits count
@@ -56,7 +55,7 @@ TEST_F(TcpTest, ConnectOpensBeforeReturningTheRegisteredObjectAndCloseUndoesIt) 
     const int fd = static_cast<int>(global_number("fd"));
     EXPECT_EQ(fcntl(fd, F_GETFL) & O_NONBLOCK, 0) << "socket must stay blocking";
     EXPECT_EQ(socktbl[0], fd);
-    ASSERT_EQ(accepted.get_future().wait_for(5s), std::future_status::ready);
+    ASSERT_TRUE(peer.accepted()) << "before the close: accept() would take the closed number";
     LUA_OK("ws.tcp_close(obj); assert(status_of(obj) == 0 and fd_of(obj) == -1)");
     EXPECT_EQ(events(), "open:true|returned|close:User do close");
     EXPECT_EQ(socktbl[0], 0);
@@ -68,7 +67,8 @@ TEST_F(TcpTest, ConnectOpensBeforeReturningTheRegisteredObjectAndCloseUndoesIt) 
 // socket table. The object is only a temporary and the callbacks collect
 // garbage: the close after on_error must find its record alive (ASan checks).
 TEST_F(TcpTest, FailedConnectsReportErrorThenCloseAndReturnNil) {
-    set_global("port", peers::closed_port());
+    peers::script_peer nothing({});
+    set_global("port", nothing.port);
     LUA_OK(R"(
         local o = tcp_opts(port)
         o.on_error = function(e, text) collectgarbage("collect"); note("error:" .. e .. ":" .. text) end
@@ -85,7 +85,7 @@ TEST_F(TcpTest, FailedConnectsReportErrorThenCloseAndReturnNil) {
                 HasSubstr("bad argument")) << "crt is required even for plain TCP";
     for (int i = 0; i < SOCKET_TABLE_SIZE; ++i)
         socktbl[i] = 100000 + i;
-    with_peer([](int fd) { peers::read_until_closed(fd, 2000ms); }, "assert(conn == nil)");
+    with_peer({{step::drain}}, "assert(conn == nil)");
     EXPECT_THAT(events(), MatchesRegex(".*\\|error:[0-9]+:socktbl is full now"));
     std::fill(std::begin(socktbl), std::end(socktbl), 0);
 }
@@ -96,15 +96,9 @@ TEST_F(TcpTest, FailedConnectsReportErrorThenCloseAndReturnNil) {
 TEST_F(TcpTest, OnCloseMayReconnectOnTheSameDescriptorAndCollect) {
     // The peers keep their ends open until the test is done, so that no
     // descriptor they free can take the closed number first.
-    std::promise<void> done, first_accepted;
-    std::shared_future<void> finished = done.get_future().share();
-    const auto hold = [finished](int fd) {
-        peers::read_until_closed(fd, 3000ms);
-        finished.wait_for(5s);
-    };
-    peers::tcp_peer first([&](int fd) { first_accepted.set_value(), hold(fd); }), second(hold);
-    set_global("port1", first.port());
-    set_global("port2", second.port());
+    peers::script_peer first(std::vector<step>{{step::hold}}), second(std::vector<step>{{step::hold}});
+    set_global("port1", first.port);
+    set_global("port2", second.port);
     LUA_OK(R"(
         local o = tcp_opts(port1)
         o.on_close = function(reason)
@@ -115,18 +109,16 @@ TEST_F(TcpTest, OnCloseMayReconnectOnTheSameDescriptorAndCollect) {
         conn = ws.tcp_connect(ws.tcp_new(), o)
         old_fd = fd_of(conn)
     )");
-    ASSERT_EQ(first_accepted.get_future().wait_for(5s), std::future_status::ready);
+    ASSERT_TRUE(first.accepted());
     // A snippet of its own: no stale register of the one above keeps the first object alive.
     LUA_OK("ws.tcp_close(conn)");
     LUA_OK("assert(fd_of(conn) == old_fd); ws.tcp_close(conn)");
     EXPECT_EQ(events(), "open|close:User do close|open|close:User do close");
-    done.set_value();
 }
 
 TEST_F(TcpTest, SendWritesTextUpToItsFirstZeroByteAndRefusesClosedCopies) {
     EXPECT_THAT(run("ws.tcp_send(ws.tcp_new(), 'x')"), HasSubstr("attempt to index")) << "never connected";
-    std::string received;
-    with_peer([&received](int fd) { received = peers::read_until_closed(fd); }, R"(
+    const std::string received = with_peer({{step::drain}}, R"(
         assert(ws.tcp_send(conn, "") == 0 and ws.tcp_send(conn, "ab\0cd") == 2 and ws.tcp_send(conn, 12.5) == 4)
         copy = copy_tcp(conn)
         ws.tcp_close(copy)
@@ -140,7 +132,7 @@ TEST_F(TcpTest, SendWritesTextUpToItsFirstZeroByteAndRefusesClosedCopies) {
 
 TEST_F(TcpTest, SendToResetPeerReportsAndClosesWithoutSigpipe) {
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL) << "the host's default disposition stays in force";
-    with_peer([](int fd) { peers::reset(fd); }, R"(
+    with_peer({{step::reset}}, R"(
         recv_tcp(fd_of(conn))  -- waits for the reset
         assert(ws.tcp_send(conn, 'after reset') == -1 and status_of(conn) == 0)
     )");
@@ -175,11 +167,8 @@ TEST_F(TcpTest, ReceiveDecodesChunkedResponsesOrFallsBackToRawText) {
 
 // Reads go on until the peer ends the stream, or less than 2048 bytes of room remain.
 TEST_F(TcpTest, ReceiveReadsUntilThePeerEndsTheStreamOrTheBufferIsFull) {
-    with_peer([](int fd) {
-        peers::send_all(fd, std::string(100, 'a'));
-        std::this_thread::sleep_for(300ms);
-        peers::send_all(fd, std::string(100, 'b'));
-    }, "recv_tcp(fd_of(conn))");
+    with_peer({{step::send, std::string(100, 'a')}, {step::send, std::string(100, 'b')}},
+              "recv_tcp(fd_of(conn))");
     EXPECT_EQ(global_string("message"), std::string(100, 'a') + std::string(100, 'b'));
     deliver(std::string(3 * TCP_RECV_BUFFER_SIZE / 2, 'q'));
     const double n = global_number("n");
@@ -189,11 +178,7 @@ TEST_F(TcpTest, ReceiveReadsUntilThePeerEndsTheStreamOrTheBufferIsFull) {
 }
 
 TEST_F(TcpTest, LoopDeliversTheResponseThenClosesOnEndOfStream) {
-    std::string request(64, '\0');
-    with_peer([&request](int fd) {
-        request.resize(static_cast<std::size_t>(std::max<ssize_t>(0, recv(fd, request.data(), request.size(), 0))));
-        peers::send_all(fd, kChunked73);
-    }, R"(
+    const std::string request = with_peer({{step::read, "", 18}, {step::send, kChunked73}}, R"(
         debug.getregistry()["sockfd-" .. fd_of(conn)].on_close = function(r) note("close:" .. r); ws.loop_stop() end
         ws.tcp_send(conn, "GET / HTTP/1.1\r\n\r\n")
         local started = now()

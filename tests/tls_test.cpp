@@ -14,7 +14,7 @@
 #include <sstream>
 
 #include "lua_fixture.h"
-#include "peers/tcp_peer.h"
+#include "peers/peer.h"
 #include "tools.h"
 
 using ::testing::HasSubstr;
@@ -68,7 +68,7 @@ protected:
 
 TEST_F(TlsTest, ClientCertificateSessionSendsAndReceives) {
     peers::tls_server server(*certs, true);
-    set_global("port", server.port());
+    set_global("port", server.port);
     LUA_OK(R"(
         conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port))
         assert(ws.tcp_send(conn, "hello tls\n") == 10)
@@ -85,7 +85,8 @@ TEST_F(TlsTest, ClientCertificateSessionSendsAndReceives) {
 // Missing, empty and mismatched keys fail before any connect (the port is
 // refused: a connect would report its own text); a plain server fails the handshake.
 TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
-    set_global("port", peers::closed_port());
+    peers::script_peer refused({});
+    set_global("port", refused.port);
     LUA_OK(R"(
         ws.set_debug(certs .. "debug.log")
         for _, extra in ipairs({ { crt = "" }, { prikey = "" }, { prikey = certs .. "other.key" } }) do
@@ -100,8 +101,8 @@ TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
     EXPECT_THAT(log, HasSubstr("]: ssl init fail\n"));
     EXPECT_THAT(log, Not(HasSubstr("Connection refused")));
 
-    peers::tcp_peer plain([](int fd) { peers::send_all(fd, "HTTP/1.0 400 Bad Request\r\n\r\n"); });
-    set_global("port", plain.port());
+    peers::script_peer plain({{peers::step::send, "HTTP/1.0 400 Bad Request\r\n\r\n"}});
+    set_global("port", plain.port);
     LUA_OK("clear_events(); assert(ws.tcp_connect(ws.tcp_new(), tls_opts(port)) == nil)");
     EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:ssl_connect_fail\\|close:ssl_connect_fail"));
     EXPECT_THAT(log_text(), HasSubstr("]: fail to connect ssl\n"));
@@ -110,7 +111,7 @@ TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
 TEST_F(TlsTest, WriteToAVanishedServerFailsWithoutSigpipe) {
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
     auto server = std::make_unique<peers::tls_server>(*certs, true);
-    set_global("port", server->port());
+    set_global("port", server->port);
     LUA_OK("conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port)); fd = fd_of(conn)");
     server->stop();
     ASSERT_TRUE(peers::wait_readable(static_cast<int>(global_number("fd"))));  // the server's end has arrived
@@ -132,7 +133,7 @@ TEST_F(TlsTest, WebSocketPairNegotiatesWithoutAClientCertificate) {
     peers::tls_server server(*certs, false);
     ws_record record{};
     record.sockfd = socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = peers::loopback(server.port());
+    const sockaddr_in address = peers::loopback(server.port);
     ASSERT_EQ(connect(record.sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ASSERT_EQ(wss_ssl_init(&record), 0);
     ASSERT_EQ(wss_ssl_connect(&record), 0);
@@ -150,7 +151,7 @@ TEST_F(TlsTest, WebSocketPairNegotiatesWithoutAClientCertificate) {
 // connection already has (ASan checks the frees in the second run).
 TEST_F(TlsTest, CopiesShareOneSessionFreedOnceAndLeaveAReusedDescriptorAlone) {
     peers::tls_server server(*certs, true);
-    set_global("port", server.port());
+    set_global("port", server.port);
     LUA_OK(R"(
         local conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port))
         copies = { conn, copy_tcp(conn), copy_tcp(conn) }

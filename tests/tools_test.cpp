@@ -11,7 +11,7 @@
 #include <chrono>
 
 #include "lua_fixture.h"
-#include "peers/tcp_peer.h"
+#include "peers/peer.h"
 #include "tools.h"
 
 using ::testing::HasSubstr;
@@ -77,7 +77,8 @@ TEST_F(ToolsTest, ConnectTimeoutConnectsOrReportsRefusedAndTimedOut) {
     EXPECT_EQ(timed_out, ETIMEDOUT);
     EXPECT_GE(waited, 0.9);
 
-    address = peers::loopback(peers::closed_port());
+    const peers::script_peer refused({});
+    address = peers::loopback(refused.port);
     for (int32_t timeout : {2, 0}) {
         const int client = socket(AF_INET, SOCK_STREAM, 0);
         errno = 0;

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "lua_fixture.h"
-#include "peers/ws_peer.h"
+#include "peers/peer.h"
 #include "tools.h"
 #include "ws_connect.h"
 

@@ -1,31 +1,32 @@
-#include "ws_peer.h"
+#include "peer.h"
 
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <openssl/evp.h>
 #include <openssl/sha.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
+#include <regex>
 
 namespace peers {
 
 namespace {
 
-bool readable(int fd, int ms) {
-    pollfd ready{fd, POLLIN, 0};
-    return poll(&ready, 1, ms) == 1;
+void fail(const std::string& what) {
+    std::perror(what.c_str());
+    std::abort();  // a broken peer must not pass silently
 }
 
 bool take(int fd, std::string& into, std::size_t count) {
     char chunk[65536];
     for (ssize_t got; count > 0; count -= static_cast<std::size_t>(got), into.append(chunk, chunk + got))
-        if (!readable(fd, 5000) || (got = recv(fd, chunk, std::min(count, sizeof chunk), 0)) <= 0)
+        if (!wait_readable(fd) || (got = recv(fd, chunk, std::min(count, sizeof chunk), 0)) <= 0)
             return false;
     return true;
 }
@@ -57,48 +58,75 @@ void send_read(int fd, int client, const std::string& bytes) {
     }
 }
 
-std::string accept_value(const std::string& key) {
-    const std::string joined = key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
+std::string upgrade_answer(const std::string& request) {
+    const auto at = std::min(request.find("Key: ") + 5, request.size());
+    const std::string joined = request.substr(at, 24) + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
     unsigned char digest[SHA_DIGEST_LENGTH], encoded[32];
     SHA1(reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest);
-    return std::string(reinterpret_cast<char*>(encoded), EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH));
+    return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: " +
+           std::string(reinterpret_cast<char*>(encoded), EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH)) +
+           "\r\n\r\n";
 }
 
 }  // namespace
 
+sockaddr_in loopback(uint16_t port) {
+    return sockaddr_in{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+}
+
+int bind_loopback(int fd) {
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == -1)
+        return -1;
+    return ntohs(address.sin_port);
+}
+
+int listen_loopback(int backlog, uint16_t* port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int bound = fd == -1 ? -1 : bind_loopback(fd);
+    if (bound == -1 || (backlog >= 0 && listen(fd, backlog) == -1))
+        fail("peer listen");
+    *port = static_cast<uint16_t>(bound);
+    return fd;
+}
+
+bool wait_readable(int fd, std::chrono::milliseconds limit) {
+    pollfd watched{fd, POLLIN, 0};
+    int ready;
+    do {
+        ready = poll(&watched, 1, static_cast<int>(limit.count()));
+    } while (ready == -1 && errno == EINTR);
+    return ready > 0;
+}
+
 script_peer::script_peer(std::vector<step> steps) {
-    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t size = sizeof address;
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        (!steps.empty() && listen(listener, 1) != 0) ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+    listener = listen_loopback(steps.empty() ? -1 : 1, &port);
+    if (steps.empty())
         return;
-    port = ntohs(address.sin_port);
     thread = std::thread([this, steps = std::move(steps)] {
-        const int fd = readable(listener, 10000) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+        const int fd = wait_readable(listener, 10000ms) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
         if (fd < 0)
             return;
+        taken = true;
         const int client = client_end(fd);
-        for (auto now = steps.begin(); now != steps.end(); ++now) {
-            if (now->what == step::upgrade) {
+        for (const step& now : steps) {
+            if (now.what == step::upgrade) {
                 while (seen.find("\r\n\r\n") == std::string::npos && take(fd, seen, 1)) {
                 }
-                const auto key = std::min(seen.find("Key: ") + 5, seen.size());
-                send_read(fd, client, !now->bytes.empty() ? now->bytes
-                                      : "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: "
-                                        "Upgrade\r\nSec-WebSocket-Accept: " + accept_value(seen.substr(key, 24)) +
-                                            "\r\n\r\n");
-            } else if (now->what == step::send) {
-                send_read(fd, client, now->bytes);
-            } else if (now->what == step::read || now->what == step::drain) {
-                take(fd, seen, now->what == step::read ? now->count : SIZE_MAX);
-            } else if (now->what == step::hold) {
+                send_read(fd, client, !now.bytes.empty() ? now.bytes : upgrade_answer(seen));
+            } else if (now.what == step::send) {
+                send_read(fd, client, now.bytes);
+            } else if (now.what == step::read || now.what == step::drain) {
+                take(fd, seen, now.what == step::read ? now.count : SIZE_MAX);
+            } else if (now.what == step::hold) {
                 for (int waited = 0; waited < 10000 && !stop; ++waited)
                     usleep(1000);
             } else {
                 const linger abort_on_close{1, 0};
-                setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close);
+                if (setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close) != 0)
+                    fail("SO_LINGER");
             }
         }
         close(fd);
@@ -109,6 +137,12 @@ script_peer::~script_peer() {
     stop = true;
     transcript();
     close(listener);
+}
+
+bool script_peer::accepted() {
+    for (int waited = 0; waited < 5000 && !taken; ++waited)
+        usleep(1000);
+    return taken;
 }
 
 const std::string& script_peer::transcript() {
@@ -146,6 +180,53 @@ std::string server_frame(uint8_t first_byte, std::string_view payload) {
     return frame.append(payload);
 }
 
+certificates::certificates() {
+    char pattern[] = "/tmp/ws_client_tls_XXXXXX";
+    if (mkdtemp(pattern) == nullptr)
+        fail("mkdtemp");
+    dir = pattern;
+    for (const std::string name : {"server", "client", "other"}) {
+        const std::string command = "cd " + dir.string() + " && openssl req -x509 -newkey ec -pkeyopt " +
+                                    "ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=" + name + " -keyout " +
+                                    name + ".key -out " + name + ".crt >/dev/null 2>&1";
+        if (std::system(command.c_str()) != 0)
+            fail(command);
+    }
+}
+
+certificates::~certificates() { std::filesystem::remove_all(dir); }
+
+tls_server::tls_server(const certificates& certs, bool require_client_certificate) {
+    const std::string command = "cd " + certs.dir.string() + " && echo $$ && exec timeout 60 openssl s_server " +
+                                "-accept 127.0.0.1:0 -rev -cert server.crt -key server.key" +
+                                (require_client_certificate ? " -Verify 1 -CAfile client.crt" : "") + " </dev/null 2>&1";
+    output = popen(command.c_str(), "r");
+    char line[512];
+    if (output == nullptr || fgets(line, sizeof line, output) == nullptr)
+        fail("s_server");
+    pid = std::atoi(line);
+    const std::regex accept_line("ACCEPT 127\\.0\\.0\\.1:([0-9]+)");  // printed once it listens
+    std::smatch match;
+    while (!std::regex_search(printed, match, accept_line)) {
+        if (fgets(line, sizeof line, output) == nullptr)
+            fail("s_server did not start");
+        printed += line;
+    }
+    port = static_cast<uint16_t>(std::stoi(match[1]));
+}
+
+std::string tls_server::stop() {
+    if (output != nullptr) {
+        kill(pid, SIGTERM);  // timeout passes it on to openssl
+        char chunk[4096];
+        for (std::size_t got; (got = fread(chunk, 1, sizeof chunk, output)) > 0;)
+            printed.append(chunk, got);
+        pclose(output);
+        output = nullptr;
+    }
+    return printed;
+}
+
 echo_server::echo_server(bool tls) {
     int printed[2];  // the port
     if (pipe(printed) != 0)
@@ -155,7 +236,7 @@ echo_server::echo_server(bool tls) {
     input = popen(command.c_str(), "we");  // the server leaves when its input closes
     close(printed[1]);
     FILE* output = fdopen(printed[0], "r");
-    if (input == nullptr || !readable(printed[0], 10000) || std::fscanf(output, "%hu", &port) != 1)
+    if (input == nullptr || !wait_readable(printed[0], 10000ms) || std::fscanf(output, "%hu", &port) != 1)
         port = 0;
     std::fclose(output);
 }

@@ -1,0 +1,86 @@
+// Test peers on 127.0.0.1: loopback helpers, an in-process server playing a
+// script of steps on one connection, and independent servers (`openssl
+// s_server`, python3-websockets) with certificates made at test time.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace peers {
+
+using namespace std::chrono_literals;
+
+sockaddr_in loopback(uint16_t port);
+// Binds fd to 127.0.0.1 on a port picked by the system; the port, or -1.
+int bind_loopback(int fd);
+// A listening TCP socket on 127.0.0.1; its port in *port.
+int listen_loopback(int backlog, uint16_t* port);
+// Waits until fd is readable or has an error pending; false after `limit`.
+bool wait_readable(int fd, std::chrono::milliseconds limit = 5000ms);
+
+// upgrade: reads the request, sends `bytes` or else the right WebSocket
+// answer; send: `bytes`; both return once the client has read all (or is
+// gone), so that each lands in a read of its own. read: `count` bytes. drain:
+// until the client closes. hold: until the peer is destroyed. reset: the final
+// close sends a reset. Waits are bounded (5-10 s). Without steps nothing
+// listens: connects are refused.
+struct step {
+    enum kind { upgrade, send, read, drain, hold, reset } what;
+    std::string bytes = {};
+    std::size_t count = 0;
+};
+
+struct script_peer {
+    explicit script_peer(std::vector<step> steps);
+    ~script_peer();
+    bool accepted();  // waits (5 s at most) until the connection is taken
+    const std::string& transcript();  // all the client sent, once the script ended
+
+    int listener = -1;
+    uint16_t port = 0;
+    std::atomic<bool> stop{false}, taken{false};
+    std::string seen;
+    std::thread thread;
+};
+
+// Client frames in `bytes`: header up to the masking key (127 class: length
+// in bytes 2-5, least significant first) and unmasked payload.
+std::vector<std::pair<std::string, std::string>> client_frames(std::string_view bytes);
+// An unmasked final frame; 127 class least significant first.
+std::string server_frame(uint8_t first_byte, std::string_view payload);
+
+// Self-signed EC certificates and keys (server, client, other) in a fresh directory.
+struct certificates {
+    std::filesystem::path dir;
+    certificates();
+    ~certificates();
+};
+
+// `openssl s_server -rev` (answers each line reversed); with the client
+// certificate as CA it requires one. Killed when destroyed, 60 s at most.
+struct tls_server {
+    tls_server(const certificates& certs, bool require_client_certificate);
+    ~tls_server() { stop(); }
+    std::string stop();  // everything it printed
+    pid_t pid = -1;
+    FILE* output = nullptr;
+    uint16_t port = 0;
+    std::string printed;
+};
+
+struct echo_server {  // ws_echo_server.py; stopped when destroyed; port 0 if it did not start
+    explicit echo_server(bool tls);
+    ~echo_server();
+    FILE* input = nullptr;
+    uint16_t port = 0;
+};
+
+}  // namespace peers
