@@ -5,24 +5,12 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 
 #include "lua_fixture.h"
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-
-namespace {
-
-std::string contents(const fs::path& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-}  // namespace
 
 using DebugLogTest = LuaTest;
 
@@ -38,10 +26,10 @@ TEST_F(DebugLogTest, OnlyBetweenSetDebugAndNULLWithTheLineFormat) {
     const std::regex line(
         R"(\[Time: (Mon|Tue|Wed|Thu|Fri|Sat|Sun) [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}, )"
         R"(File: luacli, Function: luaopen_ws_client, Line: [0-9]{5}\]: come in open\n)");
-    EXPECT_TRUE(std::regex_match(contents(log), line)) << contents(log);
+    EXPECT_TRUE(std::regex_match(file_text(log), line)) << file_text(log);
     fs::remove(log);
     LUA_OK("open_again(); ws.set_debug('NULL'); open_again()");
-    const std::string text = contents(log);
+    const std::string text = file_text(log);
     EXPECT_THAT(text, ::testing::EndsWith("]: come in open\n")) << "reopened for every line";
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << "off after NULL";
     LUA_OK("ws.set_debug('null')");
@@ -59,7 +47,7 @@ TEST_F(DebugLogTest, LineNumbersPadToFiveDigitsAndErrnoSurvives) {
     debug_log_write("tcp", "tcp_recv", 47, "n=%d\n", 3);
     EXPECT_EQ(errno, ECONNRESET);
     debug_log_write("tcp", "tcp_recv", 123456, "%s", "\n\nblank lines kept\n\n");
-    const std::string text = contents(log);
+    const std::string text = file_text(log);
     std::remove(log.c_str());
     EXPECT_THAT(text, HasSubstr(", File: tcp, Function: tcp_recv, Line: 00047]: n=3\n["));
     EXPECT_THAT(text, HasSubstr("Line: 123456]: \n\nblank lines kept\n\n"));

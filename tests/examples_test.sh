@@ -10,35 +10,23 @@ if [ "${1:-}" != "--inner" ]; then
 fi
 lua="$2"
 export LUA_CPATH="$3/?.so"
-passed=0
 failed=0
 
 # run NAME EXPECTED_STATUS SCRIPT [LINE...]: the script exits with the
 # expected status and prints every LINE as a whole line (re:LINE: a whole line
 # matching that extended regular expression).
 run() {
-  local name="$1" expected="$2" script="$3"
+  local name="$1" expected="$2" script="$3" output status=0 problems=() text
   shift 3
-  local output status=0
   output="$(timeout 120 "$lua" "$root/examples/$script" 2>&1)" || status=$?
-  local problems=()
   [ "$status" -eq "$expected" ] || problems+=("exit status $status, expected $expected")
   for text in "$@"; do
-    if [[ "$text" == re:* ]]; then
-      grep -qxE -- "${text#re:}" <<<"$output" || problems+=("no line matching: ${text#re:}")
-    else
-      grep -qxF -- "$text" <<<"$output" || problems+=("no line: $text")
-    fi
+    if [[ "$text" == re:* ]]; then grep -qxE -- "${text#re:}" <<<"$output" || problems+=("no line matching: ${text#re:}")
+    else grep -qxF -- "$text" <<<"$output" || problems+=("no line: $text"); fi
   done
-  if [ ${#problems[@]} -eq 0 ]; then
-    passed=$((passed + 1))
-    echo "ok   $name"
-  else
-    failed=$((failed + 1))
-    echo "FAIL $name"
-    printf '     %s\n' "${problems[@]}"
-    sed 's/^/     | /' <<<"$output"
-  fi
+  [ ${#problems[@]} -eq 0 ] && { echo "ok   $name"; return; }
+  failed=$((failed + 1))
+  printf 'FAIL %s\n' "$name" && printf '     %s\n' "${problems[@]}" && sed 's/^/     | /' <<<"$output"
 }
 
 run demo 0 demo.lua \
@@ -76,5 +64,5 @@ DEMO_SECONDS=2 run demo_without_peer 1 demo.lua \
   "http  error 111: Connection refused" \
   "re:summary: 0 of 5 seen in [0-9]+ s, missing: ws, wss, http, tls, udp"
 
-echo "$passed passed, $failed failed"
+echo "$failed failed"
 [ "$failed" -eq 0 ]

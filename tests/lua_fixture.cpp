@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <sstream>
 
 #include "peers/peer.h"
 #include "tcp.h"
+#include "tools.h"
 
 void LuaTest::SetUp() {
     std::fill(std::begin(socktbl), std::end(socktbl), 0);
@@ -131,6 +134,8 @@ const luaL_Reg socket_probes[] = {
      }},
     {"peer_send", peer_send},
     {"peer_recv", peer_recv},
+    {"wait_readable", [](lua_State* L) { return lua_pushboolean(L, peers::wait_readable(arg(L, 1))), 1; }},
+    {"tls_sessions", [](lua_State* L) { return push(L, static_cast<lua_Number>(tls_live_count())); }},
     {"fd_is_open", [](lua_State* L) { return lua_pushboolean(L, fcntl(arg(L, 1), F_GETFD) != -1), 1; }},
     {"close_fd", [](lua_State* L) { return close(arg(L, 1)), 0; }},
     {"now", [](lua_State* L) {
@@ -163,6 +168,13 @@ void SocketTest::SetUp() {
           for k, v in pairs(extra or {}) do t[k] = v end
           return opts(t)
         end
+        function deadline(seconds, also)
+          local t0 = now()
+          return function()
+            if also then also() end
+            if now() - t0 > seconds then timed_out = true; ws.loop_stop() end
+          end
+        end
     )");
 }
 
@@ -175,6 +187,12 @@ void SocketTest::TearDown() {
         if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
             close(fd);
     }
+}
+
+std::string file_text(const std::string& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
 }
 
 std::string SocketTest::events() {

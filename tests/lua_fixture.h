@@ -24,6 +24,9 @@ protected:
     void set_global(const char* name, const std::string& value);
 };
 
+// What the file at `path` holds ("" if none).
+std::string file_text(const std::string& path);
+
 // Runs a snippet and fails the test with the interpreter's message.
 #define LUA_OK(code) ASSERT_EQ(run(code), "")
 
@@ -37,7 +40,9 @@ protected:
 //   recv_tcp(fd) -> result, err: the TCP receive path, once fd is readable
 //   bind_loopback(obj) -> port; peer_open() -> fd, port
 //   peer_send(fd, port, data); peer_recv(fd[, wait]) -> data, port | nothing
-//   fd_is_open(fd), close_fd(fd), now() -> monotonic seconds
+//   fd_is_open(fd), close_fd(fd), wait_readable(fd), tls_sessions(), now() -> monotonic seconds
+//   deadline(seconds[, also]): a periodic function (calling also) that stops the loop
+//     and sets timed_out once `seconds` have passed
 class SocketTest : public LuaTest {
 protected:
     void SetUp() override;

@@ -7,8 +7,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 
 #include "lua_fixture.h"
 
@@ -20,19 +18,7 @@ class MainLoopTest : public SocketTest {
 protected:
     void SetUp() override {
         SocketTest::SetUp();
-        // Every loop here ends by itself: deadline(s) is a periodic function
-        // that stops the loop (setting timed_out) once s seconds have passed.
-        LUA_OK(R"(
-            function deadline(seconds, also)
-                local t0 = now()
-                return function()
-                    if also then also() end
-                    if now() - t0 > seconds then timed_out = true; ws.loop_stop() end
-                end
-            end
-            peer, peer_port = peer_open()
-            got = {}
-        )");
+        LUA_OK("peer, peer_port = peer_open(); got = {}");
     }
     // A registered socket `name` bound to loopback (its port in name_port);
     // its messages are appended to `got` as { name, data, from, port }.
@@ -171,10 +157,9 @@ TEST_F(MainLoopTest, SignalsCutNeitherTheTimerNorSleep) {
     EXPECT_GE(global_number("elapsed"), 0.9);
     EXPECT_LT(global_number("elapsed"), 4) << "each signal restarted the time-out";
     EXPECT_GE(global_number("slept"), 0.95);
-    std::stringstream text;
-    text << std::ifstream(log).rdbuf();
+    const std::string text = file_text(log);
     std::remove(log.c_str());
-    EXPECT_THAT(text.str(), ::testing::ContainsRegex("File: main_loop, Function: main_loop, Line: [0-9]{5}\\]: "
+    EXPECT_THAT(text, ::testing::ContainsRegex("File: main_loop, Function: main_loop, Line: [0-9]{5}\\]: "
                                                      "EINTR error, just break, Interrupted system call\n"));
 }
 

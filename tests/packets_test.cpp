@@ -6,12 +6,11 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "lua_fixture.h"
 #include "packets.h"
 #include "ws_client.h"
 
@@ -148,10 +147,8 @@ TEST(FrameParse, OutcomesOutputsAndLogLines) {
         EXPECT_EQ(header, c.header);
         EXPECT_EQ(size, c.size);
         EXPECT_EQ(data, c.header == UNTOUCHED ? nullptr : frame.data() + c.header);
-        std::stringstream text;
-        text << std::ifstream(log).rdbuf();
         if (c.log != "-") {
-            EXPECT_EQ(std::regex_replace(text.str(), prefix, "$1: "), c.log);
+            EXPECT_EQ(std::regex_replace(file_text(log), prefix, "$1: "), c.log);
         }
     }
     debug_log_set_path("NULL");

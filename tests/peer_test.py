@@ -2,30 +2,25 @@
 """The local default peer (tools/peer.py) against independent clients:
 python3-websockets, plain sockets and Python's ssl module. Run under
 scripts/with_peer.sh, which exports the PEER_* settings."""
-import asyncio
-import os
-import socket
-import ssl
-import sys
-import unittest
-
+import asyncio, os, socket, ssl, sys, unittest  # noqa: E401
 import websockets
 
-HOST = os.environ["PEER_HOST"]
-CERTS = os.environ["PEER_CERTS"]
+HOST, CERTS = os.environ["PEER_HOST"], os.environ["PEER_CERTS"]
 
 
 def port(name):
     return int(os.environ["PEER_%s_PORT" % name])
 
 
-def read_to_end(sock):
-    data = b""
-    while True:
-        piece = sock.recv(4096)
-        if not piece:
-            return data
-        data += piece
+def exchange(name, data, context=None):
+    """Sends data to the TCP service `name` and reads until the peer closes."""
+    with socket.create_connection((HOST, port(name)), timeout=5) as raw, \
+            context.wrap_socket(raw, server_hostname=HOST) if context else raw as sock:
+        sock.sendall(data)
+        answer = b""
+        while piece := sock.recv(4096):
+            answer += piece
+        return answer
 
 
 def client_context(with_certificate):
@@ -37,48 +32,33 @@ def client_context(with_certificate):
 
 class PeerTest(unittest.TestCase):
     def test_websocket_echoes_accept_the_echo_subprotocol(self):
-        async def exchange(url, context):
+        async def echo(url, context):
             async with websockets.connect(url, ssl=context, subprotocols=["echo"], open_timeout=5) as ws:
                 await ws.send("ping text")
                 return ws.subprotocol, await asyncio.wait_for(ws.recv(), 5)
 
         for scheme, context in (("ws", None), ("wss", client_context(False))):
             url = "%s://%s:%d/echo" % (scheme, HOST, port(scheme.upper()))
-            self.assertEqual(asyncio.run(exchange(url, context)), ("echo", "ping text"), scheme)
+            self.assertEqual(asyncio.run(echo(url, context)), ("echo", "ping text"), scheme)
 
-    def test_tcp_echo_answers_then_closes_when_idle(self):
-        with socket.create_connection((HOST, port("TCP")), timeout=5) as sock:
-            sock.sendall(b"one line\n")
-            self.assertEqual(read_to_end(sock), b"one line\n")
+    def test_tcp_echoes_plain_and_over_tls_with_a_client_certificate_only(self):
+        self.assertEqual(exchange("TCP", b"one line\n"), b"one line\n")
+        self.assertEqual(exchange("TLS", b"over tls", client_context(True)), b"over tls")
+        # TLS 1.3: the refusal shows on the first read, after the handshake.
+        with self.assertRaises((ssl.SSLError, ConnectionError)):
+            if not exchange("TLS", b"no certificate", client_context(False)):
+                raise ConnectionError("closed without an answer")
 
-    def test_tls_echo_wants_a_client_certificate(self):
-        with socket.create_connection((HOST, port("TLS")), timeout=5) as raw:
-            with client_context(True).wrap_socket(raw, server_hostname="127.0.0.1") as sock:
-                sock.sendall(b"over tls")
-                self.assertEqual(read_to_end(sock), b"over tls")
-        with socket.create_connection((HOST, port("TLS")), timeout=5) as raw:
-            # TLS 1.3: the refusal shows on the first read, after the handshake.
-            with self.assertRaises((ssl.SSLError, ConnectionError)):
-                with client_context(False).wrap_socket(raw, server_hostname="127.0.0.1") as sock:
-                    sock.sendall(b"no certificate")
-                    if not sock.recv(100):
-                        raise ConnectionError("closed without an answer")
-
-    def test_http_answer_is_chunked_and_the_connection_closes(self):
-        with socket.create_connection((HOST, port("HTTP")), timeout=5) as sock:
-            sock.sendall(b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
-            answer = read_to_end(sock)
+    def test_http_answer_is_chunked_with_one_final_chunk(self):
+        answer = exchange("HTTP", b"GET / HTTP/1.1\r\nHost: x\r\n\r\n")
         head, _, body = answer.partition(b"\r\n\r\n")
         self.assertIn(b"Transfer-Encoding: chunked", head.split(b"\r\n"))
         decoded = b""
-        while True:
-            size_line, _, body = body.partition(b"\r\n")
-            size = int(size_line, 16)
-            if size == 0:
-                break
+        while (size := int(body.partition(b"\r\n")[0], 16)) != 0:
+            body = body.partition(b"\r\n")[2]
             decoded, body = decoded + body[:size], body[size + 2:]
         self.assertEqual(decoded, b"Hello from the local peer: this body came in four chunks.")
-        self.assertEqual(body, b"\r\n")
+        self.assertEqual(body, b"0\r\n\r\n")
         # the module's decoder ends at the first final-chunk pattern anywhere
         self.assertEqual(answer.count(b"0\r\n\r\n"), 1)
 
@@ -86,8 +66,7 @@ class PeerTest(unittest.TestCase):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
             sock.settimeout(5)
             sock.sendto(b"datagram", (HOST, port("UDP")))
-            data, sender = sock.recvfrom(100)
-        self.assertEqual((data, sender), (b"datagram", (HOST, port("UDP"))))
+            self.assertEqual(sock.recvfrom(100), (b"datagram", (HOST, port("UDP"))))
 
 
 if __name__ == "__main__":

@@ -1,8 +1,7 @@
 # Tests at the script level: the examples and the demo against the local
 # default peer, the peer itself, the install into a staging directory, and
-# the rockspec. Run
-# with the interpreter the build is for (lua5.1, or luajit for
-# -DWS_CLIENT_LUAJIT=ON).
+# the rockspec. Run with the interpreter the build is for (lua5.1, or luajit
+# for -DWS_CLIENT_LUAJIT=ON).
 find_program(WS_CLIENT_INTERPRETER ${WS_CLIENT_LUA_BIN} REQUIRED)
 set(script_tests_dir ${CMAKE_CURRENT_LIST_DIR})
 
@@ -19,7 +18,7 @@ add_test(NAME examples_${WS_CLIENT_LUA_BIN}
 set_tests_properties(examples_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 300)
 
 add_test(NAME install_destdir_${WS_CLIENT_LUA_BIN}
-         COMMAND ${script_tests_dir}/install_test.sh ${PROJECT_BINARY_DIR} ${WS_CLIENT_INSTALL_CMOD}
+         COMMAND ${script_tests_dir}/package_test.sh install ${PROJECT_BINARY_DIR} ${WS_CLIENT_INSTALL_CMOD}
                  ${WS_CLIENT_INTERPRETER})
 set_tests_properties(install_destdir_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 120)
 
@@ -34,6 +33,6 @@ endif()
 find_program(WS_CLIENT_LUAROCKS luarocks)
 if(WS_CLIENT_LUAROCKS AND NOT WS_CLIENT_LUAJIT)
   add_test(NAME rockspec
-           COMMAND ${script_tests_dir}/rockspec_test.sh ${PROJECT_SOURCE_DIR} ${WS_CLIENT_INTERPRETER})
+           COMMAND ${script_tests_dir}/package_test.sh rock ${PROJECT_SOURCE_DIR} ${WS_CLIENT_INTERPRETER})
   set_tests_properties(rockspec PROPERTIES TIMEOUT 600)
 endif()

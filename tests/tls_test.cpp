@@ -9,9 +9,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <sstream>
 
 #include "lua_fixture.h"
 #include "peers/peer.h"
@@ -42,7 +40,6 @@ protected:
         log_file = certs->dir / "debug.log";
         std::filesystem::remove(log_file);
         set_global("certs", certs->dir.string() + "/");
-        expose("tls_sessions", [](lua_State* L) { return lua_pushinteger(L, lua_Integer(tls_live_count())), 1; });
         LUA_OK(R"(
             function tls_opts(port, extra)
               local t = tcp_opts(port, { is_secure = 1, crt = certs .. "client.crt", prikey = certs .. "client.key" })
@@ -56,11 +53,6 @@ protected:
     void TearDown() override {
         EXPECT_EQ(tls_live_count(), baseline_sessions) << "every TLS session is freed once closed";
         SocketTest::TearDown();
-    }
-    std::string log_text() const {
-        std::stringstream text;
-        text << std::ifstream(log_file).rdbuf();
-        return text.str();
     }
 };
 
@@ -94,7 +86,7 @@ TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
         end
     )");
     EXPECT_THAT(events(), MatchesRegex("(error:[0-9]+:ssl init fail\\|close:ssl init fail\\|?){3}"));
-    const std::string log = log_text();
+    const std::string log = file_text(log_file);
     EXPECT_THAT(log, HasSubstr("File: tools, Function: tcp_ssl_init, Line: "));
     EXPECT_THAT(log, HasSubstr("]: SSL loading private key error\n"));
     EXPECT_THAT(log, HasSubstr("]: error loading private key\n"));
@@ -105,7 +97,7 @@ TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
     set_global("port", plain.port);
     LUA_OK("clear_events(); assert(ws.tcp_connect(ws.tcp_new(), tls_opts(port)) == nil)");
     EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:ssl_connect_fail\\|close:ssl_connect_fail"));
-    EXPECT_THAT(log_text(), HasSubstr("]: fail to connect ssl\n"));
+    EXPECT_THAT(file_text(log_file), HasSubstr("]: fail to connect ssl\n"));
 }
 
 TEST_F(TlsTest, WriteToAVanishedServerFailsWithoutSigpipe) {

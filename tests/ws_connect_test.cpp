@@ -1,8 +1,6 @@
 // The WebSocket client through the script bindings and the loop, against
 // scripted in-process peers and against python3-websockets (plain and TLS).
 #include <gmock/gmock.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -37,21 +35,16 @@ constexpr const char* kHelpers = R"(
     end
     function open(port, extra) w = ws.ws_new(); return ws.ws_connect(w, options(port, extra)) end
     function run_loop(seconds)  -- until loop_stop, at most `seconds`
-        local t0 = os.time()
-        ws.loop_start(function() if os.time() - t0 > seconds then note('timeout'); ws.loop_stop() end end, 1, 0)
+        timed_out = nil
+        ws.loop_start(deadline(seconds), 1, 0)
+        if timed_out then note('timeout') end
     end
-    function fd(o) return (fd_status(o)) end
-    function status(o) return select(2, fd_status(o)) end
 )";
 
-class WsTest : public LuaTest {
+class WsTest : public SocketTest {
 protected:
     void SetUp() override {
-        LuaTest::SetUp();
-        expose("fd_status", [](lua_State* L) {
-            const ws_record* ws = check_ws_client(L, 1);
-            return lua_pushinteger(L, ws->sockfd), lua_pushinteger(L, ws->status), 2;
-        });
+        SocketTest::SetUp();
         // the status of the record registered for a descriptor; whether the loop watches it
         expose("registry", [](lua_State* L) {
             const auto fd = static_cast<int32_t>(luaL_checkinteger(L, 1));
@@ -60,12 +53,6 @@ protected:
             lua_pushinteger(L, registered != nullptr ? registered->status : -9);
             lua_pushboolean(L, std::find(std::begin(socktbl), std::end(socktbl), fd) != std::end(socktbl));
             return 2;
-        });
-        expose("tls_sessions", [](lua_State* L) { return lua_pushinteger(L, tls_live_count()), 1; });
-        expose("close_fd", [](lua_State* L) { return close(static_cast<int>(luaL_checkinteger(L, 1))), 0; });
-        expose("wait_readable", [](lua_State* L) {
-            pollfd ready{static_cast<int>(luaL_checkinteger(L, 1)), POLLIN, 0};
-            return poll(&ready, 1, 5000), 0;
         });
         LUA_OK(kHelpers);
     }
@@ -138,7 +125,7 @@ TEST_F(WsTest, ReceivedFramesFollowTheReadBoundaries) {
                              {step::read, "", 6},  // an empty close
                              {step::drain}});
     LUA_OK("c = open(" + port(peer) + R"()
-        local f = fd(c)
+        local f = fd_of(c)
         run_loop(10)
         note(registry(f))  -- closed through the copy that is still connecting: left in the table
         ws.ws_close(c)
@@ -175,7 +162,7 @@ TEST_F(WsTest, FailedConnectsReportBothTextsAndReturnNothing) {
     for (const auto& [url, steps, reports] : rows) {
         peers::script_peer peer(steps);
         LUA_OK("events = ''\nw = ws.ws_new()\nnote(select('#', ws.ws_connect(w, options(" + port(peer) + ", { url = '" +
-               url + "' }))), fd_status(w))");
+               url + "' }))), fd_of(w), status_of(w))");
         EXPECT_THAT(events(), MatchesRegex(reports + "0 -1 0;")) << url;
     }
     LUA_OK("assert(tls_sessions() == 0)");
@@ -185,19 +172,19 @@ TEST_F(WsTest, FullSocketTableReportsWithoutCloseAndReturnsNil) {
     peers::script_peer peer({{step::upgrade}, {step::drain}});
     std::fill(std::begin(socktbl), std::end(socktbl), 100000);
     LUA_OK("local function count(...) return select('#', ...), ... end\nnote(count(open(" + port(peer) +
-           ")))\nnote(status(w))");
+           ")))\nnote(status_of(w))");
     EXPECT_EQ(events(), "error socktbl is full now!;1 nil;2;");
 }
 
 TEST_F(WsTest, ConnectGivesThreeCopiesAndClosesFollowTheCopyUsed) {
     peers::script_peer peer({{step::upgrade}, {step::drain}});
     LUA_OK("local fresh = ws.new('websocket')\nws.ws_close(fresh)  -- never connected: closed quietly\n"
-           "note(status(fresh), fd(fresh))\nc = open(" + std::to_string(peer.port + 65536) + R"(, {
-            on_open = function() note('open', status(w), registry(fd(w))) end })  -- the port modulo 65536
-        local f = fd(c)
-        note(c ~= w and fd(w) == f, status(c), status(w), registry(f))
+           "note(status_of(fresh), fd_of(fresh))\nc = open(" + std::to_string(peer.port + 65536) + R"(, {
+            on_open = function() note('open', status_of(w), registry(fd_of(w))) end })  -- the port modulo 65536
+        local f = fd_of(c)
+        note(c ~= w and fd_of(w) == f, status_of(c), status_of(w), registry(f))
         ws.ws_close(c)
-        note(fd(c), status(c), registry(f))
+        note(fd_of(c), status_of(c), registry(f))
         ws.ws_close(c)  -- descriptor -1: nothing to report to
         note(ws.ws_send(c, 'x'), ws.ws_send(w, 'x'))
     )");
@@ -210,11 +197,11 @@ TEST_F(WsTest, SendReportsNotWritablePollFailureAndWriteFailure) {
     LUA_OK("c = open(" + port(full) + R"()
         local sends, result = 0
         repeat result, sends = ws.ws_send(c, string.rep('f', 4096)), sends + 1 until result ~= 4096 or sends > 1e5
-        note(result, registry(fd(c)))  -- not writable: dropped, the connection stays
-        close_fd(fd(c))  -- behind the module's back: the poll fails
+        note(result, registry(fd_of(c)))  -- not writable: dropped, the connection stays
+        close_fd(fd_of(c))  -- behind the module's back: the poll fails
         note(ws.ws_send(c, 'x'), ws.ws_send(c, 'x'))
         c = open()" + port(reset) + R"()
-        wait_readable(fd(c))
+        wait_readable(fd_of(c))
         note(ws.ws_send(c, 'abc'), ws.ws_send(c, 'abc'))  -- a failed write still gives the length
     )");
     EXPECT_THAT(events(), MatchesRegex("open;error [^;]*;0 2 true;error Bad file descriptor;close Bad file descriptor;"
