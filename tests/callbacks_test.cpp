@@ -1,8 +1,4 @@
 // Calls into the script: arguments, order, protection and stack effects.
-#include <gmock/gmock.h>
-
-#include <cerrno>
-
 #include "callbacks.h"
 #include "lua_fixture.h"
 

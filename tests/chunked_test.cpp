@@ -1,11 +1,9 @@
 // The chunked decoder and header cut on crafted texts, including inputs that
 // try to make them read or write outside their buffers.
-#include <gtest/gtest.h>
-
-#include <string>
 #include <vector>
 
 #include "chunked.h"
+#include "lua_fixture.h"
 
 TEST(Htoi, HexWithPrefixLettersPastFAndWrap) {
     const std::pair<const char*, int32_t> cases[] = {

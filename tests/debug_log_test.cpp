@@ -1,16 +1,10 @@
 // The debug log: off by default, line format, one open-append-close per line.
-#include <gmock/gmock.h>
-
-#include <unistd.h>
-
-#include <cerrno>
 #include <filesystem>
 #include <regex>
 
 #include "lua_fixture.h"
 
 namespace fs = std::filesystem;
-using ::testing::HasSubstr;
 
 using DebugLogTest = LuaTest;
 

@@ -1,13 +1,9 @@
 // Opening handshake: key and accept values, and the checks on the answer.
-#include <gmock/gmock.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
-#include <cstring>
 #include <ctime>
 
 #include "handshake.h"
+#include "lua_fixture.h"
 
 namespace {
 constexpr const char* kAccept = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";  // RFC 6455's example

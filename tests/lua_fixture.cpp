@@ -1,18 +1,11 @@
 #include "lua_fixture.h"
 
-#include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
 #include <fstream>
 #include <sstream>
 
-#include "peers/peer.h"
 #include "tcp.h"
-#include "tools.h"
 
 void LuaTest::SetUp() {
     std::fill(std::begin(socktbl), std::end(socktbl), 0);
@@ -90,12 +83,12 @@ int push(lua_State* L, lua_Number value) { return lua_pushnumber(L, value), 1; }
 
 int peer_recv(lua_State* L) {
     const int fd = arg(L, 1);
-    if (!peers::wait_readable(fd, std::chrono::milliseconds(static_cast<int>(luaL_optnumber(L, 2, 2) * 1000))))
-        return 0;
     static char buffer[65536];
     sockaddr_in from{};
     socklen_t length = sizeof from;
-    const ssize_t got = recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
+    const auto wait = std::chrono::milliseconds(static_cast<int>(luaL_optnumber(L, 2, 2) * 1000));
+    const ssize_t got = !peers::wait_readable(fd, wait) ? -1 : recvfrom(fd, buffer, sizeof buffer, 0,
+                                                                       reinterpret_cast<sockaddr*>(&from), &length);
     if (got < 0)
         return 0;
     lua_pushlstring(L, buffer, static_cast<size_t>(got));
@@ -163,9 +156,9 @@ void SocketTest::SetUp() {
           t.on_close = t.on_close or function(reason) note("close:" .. reason) end
           return t
         end
-        function tcp_opts(port, extra)
+        function tcp_opts(port, ...)  -- then the fields of each table given
           local t = { type = 1, ip = "127.0.0.1", port = port, crt = "", prikey = "", is_secure = 0 }
-          for k, v in pairs(extra or {}) do t[k] = v end
+          for _, extra in ipairs({ ... }) do for k, v in pairs(extra) do t[k] = v end end
           return opts(t)
         end
         function deadline(seconds, also)

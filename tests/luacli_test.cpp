@@ -1,12 +1,9 @@
 // Module entry, object checks, options readers and the socket table.
-#include <gmock/gmock.h>
-
 #include <vector>
 
 #include "lua_fixture.h"
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 namespace {
 

@@ -1,16 +1,9 @@
 // The event loop driven from the script, with real UDP traffic on 127.0.0.1.
-#include <gmock/gmock.h>
-
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/time.h>
-#include <unistd.h>
-
 
 #include "lua_fixture.h"
-
-using ::testing::HasSubstr;
 
 namespace {
 

@@ -1,13 +1,8 @@
 // Frame codec: built frames and the parse outcomes (masking against a
 // byte-wise reference and odd inputs are left to the fuzz targets).
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <regex>
-#include <string>
 #include <vector>
 
 #include "lua_fixture.h"

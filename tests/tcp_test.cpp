@@ -1,21 +1,9 @@
 // The TCP client against in-process peers on 127.0.0.1: connect and close,
 // send, and the receive path with chunked decoding.
-#include <gmock/gmock.h>
-
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/socket.h>
-
-#include <cerrno>
-#include <cstring>
 
 #include "lua_fixture.h"
-#include "peers/peer.h"
 #include "tcp.h"
-
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
-using peers::step;
 
 namespace {
 

@@ -1,52 +1,32 @@
 // TLS set-up and the TLS TCP client against `openssl s_server`, and the
 // ownership of TLS handles shared by byte-for-byte copies of a record.
-#include <gmock/gmock.h>
-
 #include <openssl/ssl.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <memory>
 
 #include "lua_fixture.h"
-#include "peers/peer.h"
-#include "tools.h"
-
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
-using ::testing::Not;
-using namespace std::chrono_literals;
 
 namespace {
 
-peers::certificates* certs = nullptr;
+const peers::certificates& certs() {  // made once, removed at exit
+    static const peers::certificates made;
+    return made;
+}
 
 class TlsTest : public SocketTest {
 protected:
-    static void SetUpTestSuite() { certs = new peers::certificates; }
-    static void TearDownTestSuite() {
-        delete certs;
-        certs = nullptr;
-    }
-
     std::filesystem::path log_file;
     std::size_t baseline_sessions = 0;
 
     void SetUp() override {
         SocketTest::SetUp();
-        log_file = certs->dir / "debug.log";
+        log_file = certs().dir / "debug.log";
         std::filesystem::remove(log_file);
-        set_global("certs", certs->dir.string() + "/");
-        LUA_OK(R"(
-            function tls_opts(port, extra)
-              local t = tcp_opts(port, { is_secure = 1, crt = certs .. "client.crt", prikey = certs .. "client.key" })
-              for k, v in pairs(extra or {}) do t[k] = v end
-              return t
-            end
-        )");
+        set_global("certs", certs().dir.string() + "/");
+        LUA_OK(R"(function tls_opts(port, extra)
+            return tcp_opts(port, { is_secure = 1, crt = certs .. "client.crt", prikey = certs .. "client.key" }, extra)
+        end)");
         baseline_sessions = tls_live_count();
         set_global("baseline", static_cast<double>(baseline_sessions));
     }
@@ -59,7 +39,7 @@ protected:
 }  // namespace
 
 TEST_F(TlsTest, ClientCertificateSessionSendsAndReceives) {
-    peers::tls_server server(*certs, true);
+    peers::tls_server server(certs(), true);
     set_global("port", server.port);
     LUA_OK(R"(
         conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port))
@@ -102,7 +82,7 @@ TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
 
 TEST_F(TlsTest, WriteToAVanishedServerFailsWithoutSigpipe) {
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-    auto server = std::make_unique<peers::tls_server>(*certs, true);
+    auto server = std::make_unique<peers::tls_server>(certs(), true);
     set_global("port", server->port);
     LUA_OK("conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port)); fd = fd_of(conn)");
     server->stop();
@@ -122,7 +102,7 @@ TEST_F(TlsTest, WriteToAVanishedServerFailsWithoutSigpipe) {
 }
 
 TEST_F(TlsTest, WebSocketPairNegotiatesWithoutAClientCertificate) {
-    peers::tls_server server(*certs, false);
+    peers::tls_server server(certs(), false);
     ws_record record{};
     record.sockfd = socket(AF_INET, SOCK_STREAM, 0);
     const sockaddr_in address = peers::loopback(server.port);
@@ -142,7 +122,7 @@ TEST_F(TlsTest, WebSocketPairNegotiatesWithoutAClientCertificate) {
 // they neither free again nor touch the descriptor number, which a new
 // connection already has (ASan checks the frees in the second run).
 TEST_F(TlsTest, CopiesShareOneSessionFreedOnceAndLeaveAReusedDescriptorAlone) {
-    peers::tls_server server(*certs, true);
+    peers::tls_server server(certs(), true);
     set_global("port", server.port);
     LUA_OK(R"(
         local conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port))

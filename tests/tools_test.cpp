@@ -1,20 +1,9 @@
 // Socket helpers: kind lookup, connect with a time-out, close by descriptor
 // and name resolution.
-#include <gmock/gmock.h>
-
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
+#include <sys/resource.h>
 
 #include "lua_fixture.h"
-#include "peers/peer.h"
-#include "tools.h"
-
-using ::testing::HasSubstr;
 
 namespace {
 

@@ -1,10 +1,5 @@
 // UDP objects from the script: create, register, send, close.
-#include <gmock/gmock.h>
-
 #include "lua_fixture.h"
-
-using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
 
 namespace {
 

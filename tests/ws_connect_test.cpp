@@ -1,16 +1,7 @@
 // The WebSocket client through the script bindings and the loop, against
 // scripted in-process peers and against python3-websockets (plain and TLS).
-#include <gmock/gmock.h>
-
-#include <cstring>
-
 #include "lua_fixture.h"
-#include "peers/peer.h"
-#include "tools.h"
 #include "ws_connect.h"
-
-using ::testing::MatchesRegex;
-using peers::step;
 
 namespace {
 
