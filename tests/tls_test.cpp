@@ -39,7 +39,7 @@ protected:
 }  // namespace
 
 TEST_F(TlsTest, ClientCertificateSessionSendsAndReceives) {
-    peers::tls_server server(certs(), true);
+    peers::tls_server server(certs());
     set_global("port", server.port);
     LUA_OK(R"(
         conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port))
@@ -82,7 +82,7 @@ TEST_F(TlsTest, InitAndHandshakeFailuresHaveTheirTexts) {
 
 TEST_F(TlsTest, WriteToAVanishedServerFailsWithoutSigpipe) {
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL);
-    auto server = std::make_unique<peers::tls_server>(certs(), true);
+    auto server = std::make_unique<peers::tls_server>(certs());
     set_global("port", server->port);
     LUA_OK("conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port)); fd = fd_of(conn)");
     server->stop();
@@ -101,28 +101,11 @@ TEST_F(TlsTest, WriteToAVanishedServerFailsWithoutSigpipe) {
                                        std::strerror(EPIPE) + ")\\|close:send fail"));
 }
 
-TEST_F(TlsTest, WebSocketPairNegotiatesWithoutAClientCertificate) {
-    peers::tls_server server(certs(), false);
-    ws_record record{};
-    record.sockfd = socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = peers::loopback(server.port);
-    ASSERT_EQ(connect(record.sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(wss_ssl_init(&record), 0);
-    ASSERT_EQ(wss_ssl_connect(&record), 0);
-    ASSERT_EQ(SSL_write(tls_session(record), "abc\n", 4), 4);
-    char reply[16] = {};
-    EXPECT_EQ(SSL_read(tls_session(record), reply, sizeof reply - 1), 4);
-    EXPECT_STREQ(reply, "cba\n");
-    tls_release_record(record);
-    close(record.sockfd);
-    EXPECT_THAT(server.stop(), Not(HasSubstr("CN = client")));
-}
-
 // Closing a copy frees the session once; the other copies are then closed:
 // they neither free again nor touch the descriptor number, which a new
 // connection already has (ASan checks the frees in the second run).
 TEST_F(TlsTest, CopiesShareOneSessionFreedOnceAndLeaveAReusedDescriptorAlone) {
-    peers::tls_server server(certs(), true);
+    peers::tls_server server(certs());
     set_global("port", server.port);
     LUA_OK(R"(
         local conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port))

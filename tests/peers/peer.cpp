@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <regex>
 
 namespace peers {
 
@@ -185,34 +184,29 @@ certificates::certificates() {
     if (mkdtemp(pattern) == nullptr)
         fail("mkdtemp");
     dir = pattern;
-    for (const std::string name : {"server", "client", "other"}) {
-        const std::string command = "cd " + dir.string() + " && openssl req -x509 -newkey ec -pkeyopt " +
-                                    "ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=" + name + " -keyout " +
-                                    name + ".key -out " + name + ".crt >/dev/null 2>&1";
-        if (std::system(command.c_str()) != 0)
-            fail(command);
-    }
+    const std::string command = "cd " + dir.string() + " && for name in server client other; do openssl req -x509 " +
+                                "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=$name " +
+                                "-keyout $name.key -out $name.crt >/dev/null 2>&1 || exit 1; done";
+    if (std::system(command.c_str()) != 0)
+        fail(command);
 }
 
 certificates::~certificates() { std::filesystem::remove_all(dir); }
 
-tls_server::tls_server(const certificates& certs, bool require_client_certificate) {
+tls_server::tls_server(const certificates& certs) {
     const std::string command = "cd " + certs.dir.string() + " && echo $$ && exec timeout 60 openssl s_server " +
-                                "-accept 127.0.0.1:0 -rev -cert server.crt -key server.key" +
-                                (require_client_certificate ? " -Verify 1 -CAfile client.crt" : "") + " </dev/null 2>&1";
+                                "-accept 127.0.0.1:0 -rev -cert server.crt -key server.key -Verify 1 " +
+                                "-CAfile client.crt </dev/null 2>&1";
     output = popen(command.c_str(), "r");
     char line[512];
     if (output == nullptr || fgets(line, sizeof line, output) == nullptr)
         fail("s_server");
     pid = std::atoi(line);
-    const std::regex accept_line("ACCEPT 127\\.0\\.0\\.1:([0-9]+)");  // printed once it listens
-    std::smatch match;
-    while (!std::regex_search(printed, match, accept_line)) {
+    do {  // it prints "ACCEPT 127.0.0.1:PORT" once it listens
         if (fgets(line, sizeof line, output) == nullptr)
             fail("s_server did not start");
         printed += line;
-    }
-    port = static_cast<uint16_t>(std::stoi(match[1]));
+    } while (std::sscanf(line, "ACCEPT 127.0.0.1:%hu", &port) != 1);
 }
 
 std::string tls_server::stop() {

@@ -64,10 +64,10 @@ struct certificates {
     ~certificates();
 };
 
-// `openssl s_server -rev` (answers each line reversed); with the client
-// certificate as CA it requires one. Killed when destroyed, 60 s at most.
+// `openssl s_server -rev` (answers each line reversed), requiring the client
+// certificate. Killed when destroyed, 60 s at most.
 struct tls_server {
-    tls_server(const certificates& certs, bool require_client_certificate);
+    explicit tls_server(const certificates& certs);
     ~tls_server() { stop(); }
     std::string stop();  // everything it printed
     pid_t pid = -1;
