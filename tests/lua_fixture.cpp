@@ -28,20 +28,14 @@ void LuaTest::TearDown() {
 
 std::string LuaTest::run(const std::string& code) {
     lua_settop(L, 0);
-    if (luaL_loadbuffer(L, code.data(), code.size(), "snippet") != 0 || lua_pcall(L, 0, 0, 0) != 0) {
-        const char* message = lua_tostring(L, -1);
-        std::string result = message != nullptr ? message : "(non-string error)";
-        lua_settop(L, 0);
-        return result;
-    }
+    const bool ok = luaL_loadbuffer(L, code.data(), code.size(), "snippet") == 0 && lua_pcall(L, 0, 0, 0) == 0;
+    const char* message = ok ? "" : lua_tostring(L, -1);
+    std::string result = message != nullptr ? message : "(non-string error)";
     lua_settop(L, 0);
-    return "";
+    return result;
 }
 
-void LuaTest::expose(const char* name, lua_CFunction function) {
-    lua_pushcfunction(L, function);
-    lua_setglobal(L, name);
-}
+void LuaTest::expose(const char* name, lua_CFunction function) { lua_pushcfunction(L, function), lua_setglobal(L, name); }
 
 std::string LuaTest::global_string(const char* name) {
     lua_getglobal(L, name);
@@ -59,14 +53,10 @@ double LuaTest::global_number(const char* name) {
     return value;
 }
 
-void LuaTest::set_global(const char* name, double value) {
-    lua_pushnumber(L, value);
-    lua_setglobal(L, name);
-}
+void LuaTest::set_global(const char* name, double value) { lua_pushnumber(L, value), lua_setglobal(L, name); }
 
 void LuaTest::set_global(const char* name, const std::string& value) {
-    lua_pushlstring(L, value.data(), value.size());
-    lua_setglobal(L, name);
+    lua_pushlstring(L, value.data(), value.size()), lua_setglobal(L, name);
 }
 
 // ---- SocketTest ----
@@ -95,22 +85,6 @@ int peer_recv(lua_State* L) {
     return push(L, ntohs(from.sin_port)) + 1;
 }
 
-int recv_tcp(lua_State* L) {
-    if (!peers::wait_readable(arg(L, 1)))
-        return luaL_error(L, "descriptor not readable");
-    int err = 0;
-    push(L, tcp_recv(L, arg(L, 1), &err));
-    return push(L, err) + 1;
-}
-
-int peer_send(lua_State* L) {
-    const sockaddr_in to = peers::loopback(static_cast<uint16_t>(arg(L, 2)));
-    size_t length = 0;
-    const char* data = luaL_checklstring(L, 3, &length);
-    return push(L, static_cast<lua_Number>(
-                       sendto(arg(L, 1), data, length, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to)));
-}
-
 const luaL_Reg socket_probes[] = {
     {"fd_of", [](lua_State* L) { return push(L, record_arg(L)->sockfd); }},
     {"status_of", [](lua_State* L) { return push(L, record_arg(L)->status); }},
@@ -118,14 +92,24 @@ const luaL_Reg socket_probes[] = {
          const tcp_record record = *check_tcp_client(L, 1);
          return push_record_copy(L, record, METATABLE_TCP), 1;
      }},
-    {"recv_tcp", recv_tcp},
+    {"recv_tcp", [](lua_State* L) {
+         int err = 0;
+         if (!peers::wait_readable(arg(L, 1)))
+             return luaL_error(L, "descriptor not readable");
+         return push(L, tcp_recv(L, arg(L, 1), &err)), push(L, err) + 1;
+     }},
     {"bind_loopback", [](lua_State* L) { return push(L, peers::bind_loopback(record_arg(L)->sockfd)); }},
     {"peer_open", [](lua_State* L) {
          const int fd = socket(AF_INET, SOCK_DGRAM, 0);
          push(L, fd);
          return push(L, peers::bind_loopback(fd)) + 1;
      }},
-    {"peer_send", peer_send},
+    {"peer_send", [](lua_State* L) {
+         const sockaddr_in to = peers::loopback(static_cast<uint16_t>(arg(L, 2)));
+         size_t length = 0;
+         const char* data = luaL_checklstring(L, 3, &length);
+         return push(L, double(sendto(arg(L, 1), data, length, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to)));
+     }},
     {"peer_recv", peer_recv},
     {"wait_readable", [](lua_State* L) { return lua_pushboolean(L, peers::wait_readable(arg(L, 1))), 1; }},
     {"tls_sessions", [](lua_State* L) { return push(L, static_cast<lua_Number>(tls_live_count())); }},
