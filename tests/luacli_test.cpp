@@ -45,7 +45,6 @@ TEST(SockTable, RemovalCompactsAndAddIsIdempotent) {
     EXPECT_EQ(sock_add(5000), SOCKET_TABLE_SIZE - 1);
     EXPECT_EQ(sock_rem(5000), 1);
     EXPECT_EQ(socktbl[SOCKET_TABLE_SIZE - 1], 0);
-    std::fill(std::begin(socktbl), std::end(socktbl), 0);
 }
 
 using ModuleTest = SocketTest;  // closes the sockets tcp_new/udp_new make
