@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "embedded_lua.h"
 #include "luacli.h"
 
 namespace {
@@ -85,17 +86,8 @@ constexpr const char* kScript = R"(
 )";
 
 double lua_module(uint16_t peer_port, long round_trips) {
-    lua_State* L = luaL_newstate();
-    luaL_openlibs(L);
-    lua_getglobal(L, "package");
-    lua_getfield(L, -1, "preload");
-    lua_pushcfunction(L, luaopen_ws_client);
-    lua_setfield(L, -2, "ws_client");
-    lua_settop(L, 0);
-    if (luaL_loadstring(L, kScript) != 0) {
-        std::fprintf(stderr, "%s\n", lua_tostring(L, -1));
-        std::exit(1);
-    }
+    lua_State* L = open_state_with_module();
+    load_script(L, kScript);
     lua_pushinteger(L, peer_port);
     lua_pushinteger(L, round_trips);
     const auto start = std::chrono::steady_clock::now();

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "embedded_lua.h"
 #include "luacli.h"
 
 #ifndef WS_CLIENT_SOURCE_DIR
@@ -149,13 +150,7 @@ constexpr const char* kScript = R"(
 )";
 
 double module_round_trips(uint16_t port, int size, double seconds) {
-    lua_State* L = luaL_newstate();
-    luaL_openlibs(L);
-    lua_getglobal(L, "package");
-    lua_getfield(L, -1, "preload");
-    lua_pushcfunction(L, luaopen_ws_client);
-    lua_setfield(L, -2, "ws_client");
-    lua_settop(L, 0);
+    lua_State* L = open_state_with_module();
     lua_register(L, "now", lua_now);
     if (luaL_loadstring(L, kScript) != 0)
         die("script");

@@ -1,0 +1,27 @@
+// An interpreter with the module preloaded, for the benchmarks' scripts.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "luacli.h"
+
+// A fresh state where require("ws_client") loads the linked-in module.
+inline lua_State* open_state_with_module() {
+    lua_State* L = luaL_newstate();
+    luaL_openlibs(L);
+    lua_getglobal(L, "package");
+    lua_getfield(L, -1, "preload");
+    lua_pushcfunction(L, luaopen_ws_client);
+    lua_setfield(L, -2, "ws_client");
+    lua_settop(L, 0);
+    return L;
+}
+
+// Pushes the compiled script; a script that does not compile ends the run.
+inline void load_script(lua_State* L, const char* script) {
+    if (luaL_loadstring(L, script) != 0) {
+        std::fprintf(stderr, "%s\n", lua_tostring(L, -1));
+        std::exit(1);
+    }
+}
