@@ -1,6 +1,7 @@
 // An interpreter with the module preloaded, for the benchmarks' scripts.
 #pragma once
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
@@ -24,4 +25,16 @@ inline void load_script(lua_State* L, const char* script) {
         std::fprintf(stderr, "%s\n", lua_tostring(L, -1));
         std::exit(1);
     }
+}
+
+// Runs the loaded script with the `nargs` values above it; its one result is
+// left on the stack. Returns the seconds it took; a script error ends the run.
+inline double run_script_timed(lua_State* L, int nargs) {
+    const auto start = std::chrono::steady_clock::now();
+    if (lua_pcall(L, nargs, 1, 0) != 0) {
+        std::fprintf(stderr, "%s\n", lua_tostring(L, -1));
+        std::exit(1);
+    }
+    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    return elapsed.count();
 }

@@ -93,18 +93,13 @@ double lua_module(uint16_t port, long exchanges) {
     load_script(L, kScript);
     lua_pushinteger(L, port);
     lua_pushinteger(L, exchanges);
-    const auto start = std::chrono::steady_clock::now();
-    if (lua_pcall(L, 2, 1, 0) != 0) {
-        std::fprintf(stderr, "%s\n", lua_tostring(L, -1));
-        std::exit(1);
-    }
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    const double seconds = run_script_timed(L, 2);
     if (lua_tointeger(L, -1) != exchanges) {
         std::fprintf(stderr, "module: %ld of %ld responses\n", static_cast<long>(lua_tointeger(L, -1)), exchanges);
         std::exit(1);
     }
     lua_close(L);
-    return static_cast<double>(exchanges) / elapsed.count();
+    return static_cast<double>(exchanges) / seconds;
 }
 
 int listen_loopback(uint16_t* port) {

@@ -90,14 +90,9 @@ double lua_module(uint16_t peer_port, long round_trips) {
     load_script(L, kScript);
     lua_pushinteger(L, peer_port);
     lua_pushinteger(L, round_trips);
-    const auto start = std::chrono::steady_clock::now();
-    if (lua_pcall(L, 2, 1, 0) != 0) {
-        std::fprintf(stderr, "%s\n", lua_tostring(L, -1));
-        std::exit(1);
-    }
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    const double seconds = run_script_timed(L, 2);
     lua_close(L);
-    return static_cast<double>(round_trips) / elapsed.count();
+    return static_cast<double>(round_trips) / seconds;
 }
 
 }  // namespace
