@@ -26,7 +26,7 @@ set_tests_properties(easy_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 150
 
 add_test(NAME install_destdir_${WS_CLIENT_LUA_BIN}
          COMMAND ${script_tests_dir}/package_test.sh install ${PROJECT_BINARY_DIR} ${WS_CLIENT_INSTALL_CMOD}
-                 ${WS_CLIENT_INTERPRETER})
+                 ${WS_CLIENT_INTERPRETER} ${WS_CLIENT_INSTALL_LMOD})
 set_tests_properties(install_destdir_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 120)
 
 # The peer itself, against independent clients; once is enough.
