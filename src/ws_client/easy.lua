@@ -118,11 +118,16 @@ local function next_due()
   return heap[1] and heap[1].due
 end
 
--- Nothing due within a second: the core's whole-second tick (about one
--- wake-up a second). Otherwise its 2 ms poll, only until the timer fires.
+-- The core's whole-second tick (about one wake-up a second) while nothing is
+-- due soon, its 2 ms poll otherwise. A loop_stop() from the periodic function
+-- takes effect only after that pass's select(), a whole tick later, and a
+-- loop started with the tick first calls it after a tick: so the tick is
+-- kept only while the next timer is two ticks and a margin away, and the
+-- poll runs in the last second (or two, when the loop has just started).
+local SLOW_FOR = 2.1
 local function wanted_interval(t)
   local due = next_due()
-  return (due and due - t < 1) and 0 or 1
+  return (due and due - t < SLOW_FOR) and 0 or 1
 end
 
 local Timer = {}
@@ -136,8 +141,9 @@ local function schedule(t, at)
   serial = serial + 1
   t.due, t.serial = at, serial
   push(t)
-  -- a loop waiting out a whole second must come round sooner
-  if running and interval ~= 0 and at - now() < 1 then core.loop_stop() end
+  -- a loop on the whole-second tick must come round sooner (from a socket
+  -- callback this takes effect at once)
+  if running and interval ~= 0 and at - now() < SLOW_FOR then core.loop_stop() end
 end
 
 local function new_timer(name, seconds, fn, every)

@@ -62,49 +62,56 @@ for _, case in ipairs({
   check(case[2] == "close" and n == true or n == nil and tostring(err):find(case[4]), case[2], n, err)
 end
 
--- one 5-second run: timers against the clock, sockets busy, a WebSocket
--- closed by its server, a callback error
-local seen, late = {}, {}
+-- one 5-second run: timers against the clock, each starting a burst of
+-- traffic, with quiet stretches of over two seconds between; a WebSocket
+-- closed by its server, then a bare core one (the fatal sweep); a callback error
+local seen, late, burst = {}, {}, 0
 local function count(what) seen[what] = (seen[what] or 0) + 1 end
 local echo = assert(easy.connect(url("ws", "WS", "/echo"), { on_message = function(self, text)
   count(seen.raw_closed and "echo after sweep" or seen.closed_by_server and "echo after close" or "echo")
-  self:send(text) end }))
-echo:send("ping")
+  burst = burst - 1
+  if burst > 0 then self:send(text) end end }))
+local u = easy.udp{ on_message = function(self, data, ip, p) count(data .. " from " .. ip .. ":" .. p) end }
+local start, n_rep = nil, 0
+local function on_time(due) return function()
+  late[#late + 1] = easy.now() - start - due
+  u:sendto("dgram", H, port("UDP")); burst = 30; echo:send("ping")
+end end
 local closing = assert(easy.connect(url("ws", "WS", "/close")))
 closing.on_message = function(self, text) count("close echo"); error("raised in on_message") end
 closing.on_close = function(self, reason) count("closed_by_server") end
+local idle_tls = { cert = tls_opts.cert, key = tls_opts.key,
+  on_close = function()  -- the peer closed it 0.5 s after the echo, while the loop ticks slowly
+    count("tls closed"); easy.after(0.6, on_time(easy.now() - start + 0.6)) end }
 local handled = {}
 easy.error_handler = function(message) handled[#handled + 1] = message end
-local u = easy.udp{ on_message = function(self, data, ip, p) count(data .. " from " .. ip .. ":" .. p) end }
-local sender = easy.every(0.5, function() u:sendto("dgram", H, port("UDP")) end)
-local wall_start = wall()
-local start, n_rep = easy.now(), 0
-local function on_time(due) return function() late[#late + 1] = easy.now() - start - due end end
-for _, due in ipairs({ 0, 0.05, 0.5, 1.9, 3.3, 4.6 }) do easy.after(due, on_time(due)) end
-local rep = easy.every(0.4, function(t) n_rep = n_rep + 1; on_time(0.4 * n_rep)(); if n_rep == 5 then t:cancel() end end)
-easy.after(2.5, function() check(closing:send("bye") == 3, "send on /close") end)
-easy.after(3.5, function()  -- a bare core WebSocket closed by its server: the fatal sweep runs
+local t0 = easy.now(); local wall_start = wall(); local t1 = easy.now()  -- the date lies within [t0, t1]
+start = easy.now()
+for _, due in ipairs({ 0, 0.05, 0.5, 4.6 }) do easy.after(due, on_time(due)) end
+local rep = easy.every(0.4, function(t) n_rep = n_rep + 1; on_time(0.4 * n_rep)(); if n_rep == 3 then t:cancel() end end)
+easy.after(1.25, function()
+  check(closing:send("bye") == 3 and assert(easy.connect(url("tls", "TLS"), idle_tls)):send("x") == 1, "send on /close")
+end)
+easy.after(4.2, function()
   local core = require("ws_client")
   core.ws_send(core.ws_connect(core.ws_new(), { type = 0, url = "ws://" .. H .. "/close", port = port("WS"),
     timeout = 3, crt = "", prikey = "", on_close = function() seen.raw_closed = true end }), "bye")
 end)
 easy.after(5, function() easy.stop() end)
 easy.run()
-local elapsed = easy.now() - start
-local wall_elapsed = wall() - wall_start
-check(math.abs(elapsed - wall_elapsed) < 0.1, "clock", elapsed, wall_elapsed)
-check(#late == 11 and n_rep == 5 and rep.active == false, "timer count", #late, n_rep)
--- within 50 ms of due; a loaded machine may stall the process: 2 of 11 may be later
+local t2 = easy.now(); local wall_elapsed = wall() - wall_start; local t3 = easy.now()
+check(wall_elapsed > t2 - t1 - 0.011 and wall_elapsed < t3 - t0 + 0.011, "clock", t2 - t1, wall_elapsed, t3 - t0)
+check(#late == 8 and n_rep == 3 and rep.active == false, "timer count", #late, n_rep)
+-- within 50 ms of due; a loaded machine may stall the process: 1 of 8 may be later
 local on_time_count = 0
 for i, l in ipairs(late) do
   check(l >= -0.011 and l < 0.25, "timer lateness", i, l)
   if l < 0.05 then on_time_count = on_time_count + 1 end
 end
-check(on_time_count >= #late - 2, "timers within 50 ms", on_time_count)
+check(on_time_count >= #late - 1, "timers within 50 ms", on_time_count)
 print("latest timer: " .. math.floor(math.max(unpack(late)) * 1000) .. " ms")
-for what, least in pairs({ echo = 100, ["echo after close"] = 100, ["echo after sweep"] = 50,
-  ["close echo"] = 1, closed_by_server = 1,
-  ["dgram from " .. H .. ":" .. port("UDP")] = 8 }) do
+for what, least in pairs({ echo = 60, ["echo after close"] = 20, ["echo after sweep"] = 20,
+  ["close echo"] = 1, closed_by_server = 1, ["tls closed"] = 1, ["dgram from " .. H .. ":" .. port("UDP")] = 6 }) do
   check((seen[what] or 0) >= least, "count of " .. what, seen[what])
 end
 check(seen.closed_by_server == 1 and closing.state == "closed" and closing:send("x") == nil, "closed once")
@@ -119,7 +126,7 @@ local tls = assert(easy.connect(url("tls", "TLS"), { cert = tls_opts.cert, key =
   on_open = function(self) count("tls open"); self:send("over tls") end,
   on_message = function(self, data) count(data) end,
   on_reconnect = function(self, n, err) count(err and "tls retry failed" or "tls reconnected"); done() end }))
-echo:close(); u:close(); sender:cancel()
+echo:close(); u:close()
 local again = assert(easy.connect(url("ws", "WS", "/echo"), { reconnect = { initial = 0.2, max = 0.4 },
   on_close = function() count("dropped") end,
   on_reconnect = function(self, n, err, errno) attempts[#attempts + 1] = { n, err, errno }
