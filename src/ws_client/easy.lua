@@ -162,8 +162,10 @@ end
 function M.after(seconds, fn) return new_timer("after", seconds, fn, false) end
 function M.every(seconds, fn) return new_timer("every", seconds, fn, true) end
 
+-- Fires what is due at t; returns the time after (t when nothing fired).
 local function fire_timers(t)
   local due = next_due()
+  if not (due and due <= t) then return t end
   while due and due <= t do
     local timer = pop()
     if timer.every then
@@ -174,6 +176,7 @@ local function fire_timers(t)
     call(timer.fn, timer)
     due = next_due()
   end
+  return now()
 end
 
 -- ---- the core's bookkeeping, seen from Lua --------------------------------
@@ -489,14 +492,13 @@ local function idle() return open_count == 0 and pending == 0 end
 
 local function tick()
   local t = now()
-  fire_timers(t)
-  if stopping or idle() then core.loop_stop(); return end
   if #shielded > 0 then
     -- no sweep followed the report after all: the sockets are dispatched again
     for i = 1, #shielded do shielded[i][1].type = shielded[i][2] end
     shielded = {}
   end
-  if wanted_interval(now()) ~= interval then core.loop_stop() end
+  t = fire_timers(t)
+  if stopping or idle() or wanted_interval(t) ~= interval then core.loop_stop() end
 end
 
 -- After a fatal sweep, which ends loop_start with an error: numbers of
