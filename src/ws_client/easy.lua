@@ -28,8 +28,8 @@ function M.error_handler(message)
 end
 
 local function handle(message)
-  local ok = pcall(M.error_handler, message)
-  if not ok then M.error_handler = nil; io.stderr:write(message, "\n") end
+  local ok, e = pcall(M.error_handler, message)
+  if not ok then io.stderr:write("ws_client.easy: ", message, "\nand in error_handler: ", tostring(e), "\n") end
 end
 
 local function with_traceback(e) return traceback(tostring(e), 2) end
@@ -184,7 +184,8 @@ local function fire_timers(t)
   while due and due <= t do
     local timer = pop()
     if timer.every then
-      schedule(timer, math.max(due + timer.every, t))  -- late: no burst to catch up
+      local at = due + timer.every
+      schedule(timer, at > t and at or t + timer.every)  -- a period missed: no burst to catch up
     else
       timer.active, pending = false, pending - 1
     end
@@ -324,7 +325,7 @@ end
 -- shortened by up to `jitter` of itself.
 function schedule_reconnect(obj)
   local r = obj.reconnect
-  if r.tries and obj.attempt >= r.tries then obj.state = "closed"; return end
+  if not r or (r.tries and obj.attempt >= r.tries) then obj.state = "closed"; return end
   obj.attempt = obj.attempt + 1
   local delay = math.min(r.max, r.initial * r.factor ^ (obj.attempt - 1))
   obj.state = "reconnecting"
