@@ -70,10 +70,10 @@ end
 if jit then
   local ok, ffi = pcall(require, "ffi")
   ok = ok and pcall(ffi.cdef, [[
-    typedef struct { long sec, nsec; } ws_client_easy_timespec;
-    int clock_gettime(int clock, ws_client_easy_timespec *ts);]])
+    typedef struct { long sec, nsec; } ws_client_easy_clock_value;
+    int clock_gettime(int clock, ws_client_easy_clock_value *ts);]])
   if ok then
-    local ts = ffi.new("ws_client_easy_timespec")
+    local ts = ffi.new("ws_client_easy_clock_value")
     M.now = function()
       ffi.C.clock_gettime(1, ts)  -- CLOCK_MONOTONIC
       return tonumber(ts.sec) + tonumber(ts.nsec) * 1e-9
