@@ -57,7 +57,6 @@ bench: deps
 	$(BENCH_BUILD)/bench/chunked_bench
 	$(BENCH_BUILD)/bench/tcp_roundtrip_bench
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
-	# ws_client.easy against the bare core, WebSocket round trips through the local peer
 	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so" LUA_PATH="$(CURDIR)/src/?.lua;;" \
 	  scripts/with_peer.sh -- lua5.1 bench/easy_roundtrip.lua
 
