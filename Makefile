@@ -57,6 +57,8 @@ bench: deps
 	$(BENCH_BUILD)/bench/chunked_bench
 	$(BENCH_BUILD)/bench/tcp_roundtrip_bench
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
+	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so" LUA_PATH="$(CURDIR)/src/?.lua;;" \
+	  scripts/with_peer.sh -- lua5.1 bench/easy_roundtrip.lua
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)

@@ -12,7 +12,9 @@ description = {
 A C++20 extension module for Lua 5.1 and LuaJIT: WebSocket clients (ws:// and
 wss://), TCP clients (plain, or TLS with a client certificate; chunked HTTP
 answers decoded), UDP sockets, and a single-threaded event loop with callbacks
-and a periodic function. Needs OpenSSL 3, CMake and a C++20 compiler.
+and a periodic function; ws_client.easy, a plain Lua companion, adds objects
+with methods, nil-and-error results, timers and reconnecting. Needs OpenSSL 3,
+CMake and a C++20 compiler.
 ]],
    license = "Proprietary",
 }
@@ -26,6 +28,8 @@ build = {
       CMAKE_INSTALL_PREFIX = "$(PREFIX)",
       -- the rock's own C module directory instead of the system's
       WS_CLIENT_INSTALL_CMOD = "$(LIBDIR)",
+      -- and ws_client/easy.lua under its Lua module directory
+      WS_CLIENT_INSTALL_LMOD = "$(LUADIR)",
       WS_CLIENT_TESTS = "OFF",
       WS_CLIENT_SCRIPT_TESTS = "OFF",
    },

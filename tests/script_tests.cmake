@@ -17,9 +17,16 @@ add_test(NAME examples_${WS_CLIENT_LUA_BIN}
          COMMAND ${script_tests_dir}/examples_test.sh ${WS_CLIENT_INTERPRETER} ${PROJECT_BINARY_DIR})
 set_tests_properties(examples_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 300)
 
+# ws_client.easy, the companion module, through the core against the local peer.
+add_test(NAME easy_${WS_CLIENT_LUA_BIN}
+         COMMAND ${PROJECT_SOURCE_DIR}/scripts/with_peer.sh -t 120 -- ${WS_CLIENT_INTERPRETER}
+                 ${script_tests_dir}/lua/easy_test.lua)
+set_tests_properties(easy_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 150
+  ENVIRONMENT "LUA_CPATH=${PROJECT_BINARY_DIR}/?.so;LUA_PATH=${PROJECT_SOURCE_DIR}/src/?.lua")
+
 add_test(NAME install_destdir_${WS_CLIENT_LUA_BIN}
          COMMAND ${script_tests_dir}/package_test.sh install ${PROJECT_BINARY_DIR} ${WS_CLIENT_INSTALL_CMOD}
-                 ${WS_CLIENT_INTERPRETER})
+                 ${WS_CLIENT_INTERPRETER} ${WS_CLIENT_INSTALL_LMOD})
 set_tests_properties(install_destdir_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 120)
 
 # The peer itself, against independent clients; once is enough.

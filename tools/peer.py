@@ -3,13 +3,16 @@
 
 Serves, on one address (127.0.0.1 unless --host says otherwise):
 
-  ws    WebSocket echo (plain), built on python3-websockets
+  ws    WebSocket echo (plain), built on python3-websockets; on a path
+        starting with /close the server closes after its first echo
   wss   WebSocket echo over TLS
   tcp   TCP echo: answers every read, closes after --idle seconds of silence
         or when the client closes its side
   tls   the same over TLS; the client must present a certificate signed by
         the peer's CA
-  http  HTTP: answers any request with a chunked response, then closes
+  http  HTTP: answers any request with a chunked response, then closes;
+        GET /restart also closes every TCP service (and its WebSocket
+        connections) and listens again on the same ports a second later
   udp   UDP echo
 
 The module's TCP receive path reads until the peer closes the connection,
@@ -140,6 +143,8 @@ async def websocket_echo(name, connection, path=None):
         async for message in connection:
             log("%s echo %s" % (name, shown(message)))
             await connection.send(message)
+            if connection.path.startswith("/close"):
+                await connection.close()
     except websockets.ConnectionClosed:
         pass
     log("%s closed from %s (code %s)" % (name, peer, connection.close_code))
@@ -167,7 +172,7 @@ def stream_echo(name, idle):
     return serve
 
 
-def http_chunked(idle):
+def http_chunked(idle, restart):
     async def serve(reader, writer):
         peer = "%s:%d" % writer.get_extra_info("peername")[:2]
         try:
@@ -180,6 +185,8 @@ def http_chunked(idle):
             writer.write(b"".join(answer))
             await writer.drain()
             log("http answered %s with %d chunks, closing" % (peer, len(HTTP_CHUNKS)))
+            if request.startswith(b"GET /restart"):
+                asyncio.get_running_loop().create_task(restart(1.0))
         except (asyncio.TimeoutError, asyncio.IncompleteReadError, asyncio.LimitOverrunError,
                 ConnectionError) as error:
             log("http %s: no complete request (%s)" % (peer, type(error).__name__))
@@ -218,18 +225,30 @@ async def serve(args):
 
     ws_options = dict(subprotocols=["echo"], ping_interval=None, compression=None, max_size=2 ** 20)
     servers = []
-    ws_plain = await websockets.serve(lambda c, p=None: websocket_echo("ws", c, p), host, args.ws_port,
-                                      **ws_options)
-    ws_secure = await websockets.serve(lambda c, p=None: websocket_echo("wss", c, p), host, args.wss_port,
-                                       ssl=server_context(cert_dir, False), **ws_options)
-    tcp = await asyncio.start_server(stream_echo("tcp", args.idle), host, args.tcp_port)
-    tls = await asyncio.start_server(stream_echo("tls", args.idle), host, args.tls_port,
-                                     ssl=server_context(cert_dir, True))
-    http = await asyncio.start_server(http_chunked(args.idle), host, args.http_port)
-    servers = [ws_plain, ws_secure, tcp, tls, http]
-    for name, server in zip(("ws", "wss", "tcp", "tls", "http"), servers):
-        ports[name] = port_of(server)
-    udp_transport, _ = await loop.create_datagram_endpoint(UdpEcho, local_addr=(host, args.udp_port))
+
+    async def start():
+        servers[:] = [
+            await websockets.serve(lambda c, p=None: websocket_echo("ws", c, p), host, ports["ws"], **ws_options),
+            await websockets.serve(lambda c, p=None: websocket_echo("wss", c, p), host, ports["wss"],
+                                   ssl=server_context(cert_dir, False), **ws_options),
+            await asyncio.start_server(stream_echo("tcp", args.idle), host, ports["tcp"]),
+            await asyncio.start_server(stream_echo("tls", args.idle), host, ports["tls"],
+                                       ssl=server_context(cert_dir, True)),
+            await asyncio.start_server(http_chunked(args.idle, restart), host, ports["http"])]
+        for name, server in zip(("ws", "wss", "tcp", "tls", "http"), servers):
+            ports[name] = port_of(server)
+
+    async def restart(seconds):
+        log("restart: every TCP service down for %.1f s" % seconds)
+        for server in servers:
+            server.close()
+        await asyncio.sleep(seconds)
+        await start()
+        log("restart: listening again")
+
+    ports.update({name: getattr(args, "%s_port" % name) for name in SERVICES})
+    await start()
+    udp_transport, _ = await loop.create_datagram_endpoint(UdpEcho, local_addr=(host, ports["udp"]))
     ports["udp"] = udp_transport.get_extra_info("sockname")[1]
 
     print("WS_CLIENT_PEER host=%s %s certs=%s"
