@@ -2,7 +2,7 @@
 // protected and its status ignored; a script error never reaches the module.
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include "ws_client.h"
 

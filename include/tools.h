@@ -1,7 +1,7 @@
 // Registry lookups shared by the socket kinds.
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 #include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/time.h>

@@ -77,7 +77,7 @@ void report_and_close(lua_State* L, tcp_record* record, const char* message, con
 // The value stays on the stack.
 const sock_header* push_registered_record(lua_State* L, int32_t fd) {
     get_udata_by_sockfd(L, fd);
-    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
+    if (lua_type(L, -1) != LUA_TUSERDATA || lua_api_rawlen(L, -1) < sizeof(sock_header))
         return nullptr;
     return static_cast<const sock_header*>(lua_touserdata(L, -1));
 }

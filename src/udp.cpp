@@ -28,7 +28,7 @@ udp_record* udp_init(lua_State*, udp_record* record) {
 
 // The registered record's status; -1 when nothing usable is registered.
 static int32_t registered_status(lua_State* L) {
-    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
+    if (lua_type(L, -1) != LUA_TUSERDATA || lua_api_rawlen(L, -1) < sizeof(sock_header))
         return -1;
     return static_cast<const sock_header*>(lua_touserdata(L, -1))->status;
 }

@@ -36,7 +36,7 @@ bool can_report_close(lua_State* L, int32_t fd) { return fd >= 0 && has_options_
 // nothing usable is registered.
 const sock_header* push_registered(lua_State* L, int32_t fd) {
     get_udata_by_sockfd(L, fd);
-    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
+    if (lua_type(L, -1) != LUA_TUSERDATA || lua_api_rawlen(L, -1) < sizeof(sock_header))
         return nullptr;
     return static_cast<const sock_header*>(lua_touserdata(L, -1));
 }
@@ -496,7 +496,7 @@ int ws_recv(lua_State* L, int32_t fd, char*, int* err) {
     // registry entry); and a raising lookup cannot leave the depth behind.
     receive_call call{ws, fd, err, buffer, 0};
     const int depth = receive_depth++;
-    const int status = lua_cpcall(L, walk_frames_protected, &call);
+    const int status = lua_api_cpcall(L, walk_frames_protected, &call);
     receive_depth = depth;
     if (status != 0)
         lua_error(L);  // the lookup's error, passed on

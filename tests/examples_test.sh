@@ -48,11 +48,13 @@ WS_URL="wss://127.0.0.1/echo" PEER_WS_PORT="$PEER_WSS_PORT" run ws_echo_over_wss
   "6 echoes over 2 connections, 2 rounds complete"
 
 run tcp_http 0 tcp_http.lua \
+  "re:sent [0-9]+ bytes" \
   "| HTTP/1.1 200 OK" \
   "| Transfer-Encoding: chunked" \
   "| Hello from the local peer: this body came in four chunks."
 
 run udp_echo 0 udp_echo.lua \
+  "sent datagram 5 (10 bytes)" \
   "echo from 127.0.0.1:$PEER_UDP_PORT: datagram 5" \
   "5 sent, 5 echoed"
 
