@@ -21,7 +21,7 @@ trap 'rm -rf "$stage"' EXIT
 mkdir "$stage/$name"
 (cd "$root" && git ls-files -z | xargs -0 cp --parents -t "$stage/$name")
 rockspec="$name-1.rockspec"
-sed -e "s|@VERSION@|$version|g" -e "s|@URL@|$url_base/$name.tar.gz|g" -e '1,2d' \
+sed -e "s|@VERSION@|$version|g" -e "s|@URL@|$url_base/$name.tar.gz|g" -e '/^--!/d' \
   "$root/ws_client.rockspec.in" >"$stage/$name/$rockspec"
 cp "$stage/$name/$rockspec" "$out/"
 # Same files, same bytes: no owners, the last commit's time, no gzip timestamp.
