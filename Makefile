@@ -4,22 +4,27 @@ ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 20
 BENCH_BUILD ?= build-bench
-LUAJIT_BUILD ?= build-luajit
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench clean
+LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
+
+.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz bench dist clean
 
 deps:
 	@scripts/deps.sh
 
+deps-demo:
+	@scripts/deps.sh demo
+
 build: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TESTS=ON
 	cmake --build $(BUILD) -j $(JOBS)
 
 # The module alone, then examples/demo.lua under lua5.1 against a local peer
 # (certificates kept in $(BUILD)/peer-certs, the peer's log in $(BUILD)/peer.log).
-demo: deps
-	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+# Configured without the unit tests: the demo needs neither GoogleTest nor clang.
+demo: deps-demo
+	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TESTS=OFF
 	cmake --build $(BUILD) -j $(JOBS) --target ws_client
 	LUA_CPATH="$(CURDIR)/$(BUILD)/?.so" scripts/with_peer.sh -c "$(CURDIR)/$(BUILD)/peer-certs" \
 	  -l "$(CURDIR)/$(BUILD)/peer.log" -- lua5.1 examples/demo.lua
@@ -32,11 +37,15 @@ test-asan: deps
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
 
-# Built against LuaJIT: the module and the script-level tests under luajit.
-test-luajit: deps
-	cmake -S . -B $(LUAJIT_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUAJIT=ON -DWS_CLIENT_TESTS=OFF
-	cmake --build $(LUAJIT_BUILD) -j $(JOBS)
-	ctest --test-dir $(LUAJIT_BUILD) --output-on-failure -j $(JOBS)
+# The other interpreters, each in a build of its own (build-lua5.2 ...
+# build-luajit): the module and the script-level tests under that interpreter
+# (module load, install, the examples and the demo against the local peer).
+# Only the 5.4 build adds the unit suite; the others build the module alone.
+$(LUA_LEGS): test-lua%: deps
+	cmake -S . -B build-lua$* -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUA=$(patsubst jit,luajit,$*) \
+	  -DWS_CLIENT_TESTS=$(if $(filter 5.4,$*),ON,OFF)
+	cmake --build build-lua$* -j $(JOBS)
+	ctest --test-dir build-lua$* --output-on-failure -j $(JOBS)
 
 # Each fuzz target for FUZZ_SECONDS (make test-fuzz FUZZ_SECONDS=3600 for a long run).
 test-fuzz: deps
@@ -47,7 +56,12 @@ test-fuzz: deps
 	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
 	else echo "clang++ not found: fuzz targets not run"; fi
 
-test: test-plain test-asan test-luajit test-fuzz
+test: test-plain test-asan $(LUA_LEGS) test-fuzz
+
+# Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
+# source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
+dist:
+	scripts/dist.sh dist $(DIST_URL)
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
@@ -61,4 +75,4 @@ bench: deps
 	  scripts/with_peer.sh -- lua5.1 bench/easy_roundtrip.lua
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist

@@ -16,6 +16,20 @@
 
 local ws_client = require("ws_client")
 
+-- The module runs callbacks in protected mode and drops their errors: each
+-- callback here goes through this guard, which prints an error with its
+-- traceback instead of letting it vanish.
+local unpack = table.unpack or unpack
+local function guarded(f)
+  return function(...)
+    local args = { n = select("#", ...), ... }
+    local ok, err = xpcall(function() return f(unpack(args, 1, args.n)) end, debug.traceback)
+    if not ok then
+      io.stderr:write("callback error: ", tostring(err), "\n")
+    end
+  end
+end
+
 local host = os.getenv("PEER_HOST") or "127.0.0.1"
 local function port(name, default)
   return tonumber(os.getenv("PEER_" .. name .. "_PORT")) or default
@@ -41,14 +55,15 @@ local function shown(text)
 end
 
 -- Every options table needs the kind code under `type` (0 WebSocket, 1 TCP,
--- 2 UDP): the module never fills it in. The callbacks live in the same table.
+-- 2 UDP): the module never fills it in. The callbacks live in the same table,
+-- each behind the guard.
 local function options(tag, kind, settings, on_message)
   local t = {
     type = kind,
-    on_open = function() say(tag, "open") end,
-    on_message = on_message,
-    on_error = function(errno, text) say(tag, "error " .. errno .. ": " .. text) end,
-    on_close = function(reason) say(tag, "closed: " .. reason) end,
+    on_open = guarded(function() say(tag, "open") end),
+    on_message = guarded(on_message),
+    on_error = guarded(function(errno, text) say(tag, "error " .. errno .. ": " .. text) end),
+    on_close = guarded(function(reason) say(tag, "closed: " .. reason) end),
   }
   for key, value in pairs(settings) do
     t[key] = value

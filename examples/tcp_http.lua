@@ -12,6 +12,20 @@
 
 local ws_client = require("ws_client")
 
+-- The module runs callbacks in protected mode and drops their errors: each
+-- callback here goes through this guard, which prints an error with its
+-- traceback instead of letting it vanish.
+local unpack = table.unpack or unpack
+local function guarded(f)
+  return function(...)
+    local args = { n = select("#", ...), ... }
+    local ok, err = xpcall(function() return f(unpack(args, 1, args.n)) end, debug.traceback)
+    if not ok then
+      io.stderr:write("callback error: ", tostring(err), "\n")
+    end
+  end
+end
+
 local ip = os.getenv("PEER_HOST") or "127.0.0.1"
 local port = tonumber(os.getenv("PEER_HTTP_PORT")) or 8805
 local SECONDS = 10
@@ -22,13 +36,13 @@ local conn = ws_client.tcp_connect(ws_client.tcp_new(), {
   ip = ip, port = port,
   is_secure = 0,                       -- 1: TLS with the client certificate below
   crt = "", prikey = "",               -- required even for plain TCP
-  on_open = function() print("connected to " .. ip .. ":" .. port) end,
-  on_message = function(data, from, from_port)   -- from is "", from_port -1
+  on_open = guarded(function() print("connected to " .. ip .. ":" .. port) end),
+  on_message = guarded(function(data, from, from_port)   -- from is "", from_port -1
     answer = data
     ws_client.loop_stop()
-  end,
-  on_error = function(errno, text) print("error " .. errno .. ": " .. text) end,
-  on_close = function(reason) print("closed: " .. reason) end,
+  end),
+  on_error = guarded(function(errno, text) print("error " .. errno .. ": " .. text) end),
+  on_close = guarded(function(reason) print("closed: " .. reason) end),
 })
 if not conn then                       -- on_error and on_close said why
   os.exit(1)

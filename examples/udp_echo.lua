@@ -10,6 +10,20 @@
 
 local ws_client = require("ws_client")
 
+-- The module runs callbacks in protected mode and drops their errors: each
+-- callback here goes through this guard, which prints an error with its
+-- traceback instead of letting it vanish.
+local unpack = table.unpack or unpack
+local function guarded(f)
+  return function(...)
+    local args = { n = select("#", ...), ... }
+    local ok, err = xpcall(function() return f(unpack(args, 1, args.n)) end, debug.traceback)
+    if not ok then
+      io.stderr:write("callback error: ", tostring(err), "\n")
+    end
+  end
+end
+
 local ip = os.getenv("PEER_HOST") or "127.0.0.1"
 local port = tonumber(os.getenv("PEER_UDP_PORT")) or 8806
 local COUNT, SECONDS = 5, 10
@@ -19,12 +33,12 @@ local sent, received = 0, 0
 -- object; either can be used afterwards.
 local udp = ws_client.udp_connect(ws_client.udp_new(), {
   type = 2,                            -- UDP
-  on_message = function(data, from, from_port)
+  on_message = guarded(function(data, from, from_port)
     received = received + 1
     print(string.format("echo from %s:%d: %s", from, from_port, data))
-  end,
-  on_error = function(errno, text) print("error " .. errno .. ": " .. text) end,
-  on_close = function(reason) print("closed: " .. reason) end,
+  end),
+  on_error = guarded(function(errno, text) print("error " .. errno .. ": " .. text) end),
+  on_close = guarded(function(reason) print("closed: " .. reason) end),
 })
 
 local started = os.time()

@@ -12,6 +12,20 @@
 
 local ws_client = require("ws_client")
 
+-- The module runs callbacks in protected mode and drops their errors: each
+-- callback here goes through this guard, which prints an error with its
+-- traceback instead of letting it vanish.
+local unpack = table.unpack or unpack
+local function guarded(f)
+  return function(...)
+    local args = { n = select("#", ...), ... }
+    local ok, err = xpcall(function() return f(unpack(args, 1, args.n)) end, debug.traceback)
+    if not ok then
+      io.stderr:write("callback error: ", tostring(err), "\n")
+    end
+  end
+end
+
 local host = os.getenv("PEER_HOST") or "127.0.0.1"
 local url = os.getenv("WS_URL") or ("ws://" .. host .. "/echo")  -- a path is needed: "ws://h" sends "GET  HTTP/1.1"
 local port = tonumber(os.getenv("PEER_WS_PORT")) or 8801
@@ -29,8 +43,8 @@ local function connect()
     url = url, port = port,            -- the port comes from here only, never from the URL
     timeout = 3,                       -- seconds for the TCP connect
     crt = "", prikey = "",             -- required, although a WebSocket presents no certificate
-    on_open = function() print("connection " .. attempt .. " open") end,
-    on_message = function(text, from, from_port)   -- from is nil, from_port -1
+    on_open = guarded(function() print("connection " .. attempt .. " open") end),
+    on_message = guarded(function(text, from, from_port)   -- from is nil, from_port -1
       got, echoes = got + 1, echoes + 1
       print("connection " .. attempt .. " echo: " .. text)
       if got == PER_ROUND and conn then
@@ -39,12 +53,12 @@ local function connect()
         conn = nil
         ws_client.ws_close(open)       -- on_close below runs inside this call
       end
-    end,
-    on_error = function(errno, text) print("connection " .. attempt .. " error " .. errno .. ": " .. text) end,
-    on_close = function(reason)
+    end),
+    on_error = guarded(function(errno, text) print("connection " .. attempt .. " error " .. errno .. ": " .. text) end),
+    on_close = guarded(function(reason)
       print("connection " .. attempt .. " closed: " .. reason)
       conn = nil                       -- the next tick reconnects
-    end,
+    end),
   }
   -- ws_connect returns a new object on success and nothing (or nil) on
   -- failure, after on_error and on_close have told why.

@@ -4,7 +4,7 @@
 // records alive across callbacks (the rule is in callbacks.cpp).
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include <cerrno>
 #include <cstring>

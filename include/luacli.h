@@ -1,7 +1,7 @@
 // Module entry, object checks, option readers and the socket table.
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include <cstring>
 

@@ -3,7 +3,7 @@
 // on_error plus a close, and calls the script's periodic function on a timer.
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include "fdset.h"
 #include "ws_client.h"

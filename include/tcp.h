@@ -3,7 +3,7 @@
 // pure core in chunked.h).
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include <sys/types.h>
 

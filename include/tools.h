@@ -2,7 +2,7 @@
 // the close by descriptor.
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include <cstdint>
 

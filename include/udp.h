@@ -2,7 +2,7 @@
 // names its destination, every datagram received goes to on_message.
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include "ws_client.h"
 

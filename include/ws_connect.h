@@ -2,7 +2,7 @@
 // receive path with its answers to control frames, and the close.
 #pragma once
 
-#include <lua.hpp>
+#include "lua_api.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,17 +1,28 @@
 #!/usr/bin/env bash
-# Installs the Debian 12 packages the build, tests and demo need. As root it
-# installs what is missing; otherwise it prints the one command to run.
+# Installs the Debian 12 packages the build, tests and demo need
+# (`deps.sh demo`: only what the demo needs). As root it installs what is
+# missing; otherwise it prints the one command to run.
 set -euo pipefail
 
-packages=(
+# `make demo`: the module against Lua 5.1, OpenSSL, and the local peer.
+demo_packages=(
   cmake make g++ pkg-config
-  lua5.1 liblua5.1-0-dev luajit libluajit-5.1-dev
+  lua5.1 liblua5.1-0-dev
   libssl-dev openssl
+  python3 python3-websockets
+)
+# `make test` adds the other interpreters, the test and fuzzing tools, luarocks.
+packages=(
+  lua5.2 liblua5.2-dev lua5.3 liblua5.3-dev lua5.4 liblua5.4-dev luajit libluajit-5.1-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  python3 python3-websockets
   luarocks
 )
+if [ "${1:-}" = demo ]; then
+  packages=("${demo_packages[@]}")
+else
+  packages=("${demo_packages[@]}" "${packages[@]}")
+fi
 
 missing=()
 for package in "${packages[@]}"; do

@@ -54,7 +54,7 @@ void receive_callback(lua_State* L, int32_t fd, const char* data, const char* fr
     get_cb(L, fd, "on_message");
     lua_pushstring(L, data);
     lua_pushstring(L, from);  // null pushes nil
-    lua_pushnumber(L, port);
+    lua_pushinteger(L, port);
     lua_pcall(L, 3, 0, 0);
     lua_settop(L, height);
 }

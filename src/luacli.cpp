@@ -88,7 +88,7 @@ void get_tbl_str(lua_State* L, int index, const char* key, char (&dst)[TEXT_FIEL
 void get_tbl_num(lua_State* L, int index, const char* key, int32_t* out) {
     lua_pushstring(L, key);
     lua_gettable(L, index);
-    *out = static_cast<int32_t>(luaL_checkinteger(L, -1));
+    *out = number_to_int32(luaL_checknumber(L, -1));  // as 5.1 reads it on every version
     lua_pop(L, 1);
 }
 
@@ -164,7 +164,7 @@ static int ws_do_send(lua_State* L) {
     const std::size_t length = std::strlen(data);
     luaL_argcheck(L, length <= WS_MAX_TEXT_LENGTH, last, "text longer than 1048562 bytes");
     const int sent = ws_send(L, record, data, length);
-    lua_pushnumber(L, sent);
+    lua_pushinteger(L, sent);
     return 1;
 }
 
@@ -219,7 +219,7 @@ static int udp_do_sendto(lua_State* L) {
     const char* ip = lua_tolstring(L, 3, nullptr);
     const int32_t port = number_to_int32(lua_tonumber(L, 4));
     const int sent = udp_send_to(L, record, data, ip, port);
-    lua_pushnumber(L, sent);
+    lua_pushinteger(L, sent);
     return 1;
 }
 
@@ -327,7 +327,7 @@ static int tcp_do_send(lua_State* L) {
     tcp_record* record = check_tcp_client(L, 1);
     const char* data = luaL_checklstring(L, 2, nullptr);  // numbers become their text
     const int32_t result = tcp_send(L, record, data);
-    lua_pushnumber(L, result);
+    lua_pushinteger(L, result);
     return 1;
 }
 
@@ -386,10 +386,10 @@ static const luaL_Reg R[] = {
 extern "C" __attribute__((visibility("default"))) int luaopen_ws_client(lua_State* L) {
     lua_checkstack(L, 2);
     WS_LOG("come in open\n");
-    luaL_newmetatable(L, METATABLE_WS);
-    luaL_newmetatable(L, METATABLE_UDP);
-    luaL_newmetatable(L, METATABLE_TCP);
+    lua_api_newmetatable(L, METATABLE_WS);
+    lua_api_newmetatable(L, METATABLE_UDP);
+    lua_api_newmetatable(L, METATABLE_TCP);
     lua_pop(L, 3);  // scripts only ever see the module table
-    luaL_openlib(L, "ws_client", R, 0);
+    lua_api_openlib(L, "ws_client", R);
     return 1;
 }

@@ -54,7 +54,7 @@ void get_udata_by_sockfd(lua_State* L, int32_t fd) {
 
 const sock_header* push_registered(lua_State* L, int32_t fd) {
     get_udata_by_sockfd(L, fd);
-    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
+    if (lua_type(L, -1) != LUA_TUSERDATA || lua_api_rawlen(L, -1) < sizeof(sock_header))
         return nullptr;
     return static_cast<const sock_header*>(lua_touserdata(L, -1));
 }

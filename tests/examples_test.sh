@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Every example and the demo run against a fresh local default peer, so that
-# they cannot rot; then the demo runs once more with nothing listening and
+# Every example, the README's tour and the demo run against a fresh local
+# default peer, so that they cannot rot; then the demo runs once more with nothing listening and
 # must fail within its time limit.
 #   examples_test.sh INTERPRETER MODULE_DIR
 set -euo pipefail
@@ -18,7 +18,8 @@ failed=0
 run() {
   local name="$1" expected="$2" script="$3" output status=0 problems=() text
   shift 3
-  output="$(timeout 120 "$lua" "$root/examples/$script" 2>&1)" || status=$?
+  [[ "$script" == /* ]] || script="$root/examples/$script"
+  output="$(timeout 120 "$lua" "$script" 2>&1)" || status=$?
   [ "$status" -eq "$expected" ] || problems+=("exit status $status, expected $expected")
   for text in "$@"; do
     if [[ "$text" == re:* ]]; then grep -qxE -- "${text#re:}" <<<"$output" || problems+=("no line matching: ${text#re:}")
@@ -48,11 +49,13 @@ WS_URL="wss://127.0.0.1/echo" PEER_WS_PORT="$PEER_WSS_PORT" run ws_echo_over_wss
   "6 echoes over 2 connections, 2 rounds complete"
 
 run tcp_http 0 tcp_http.lua \
+  "re:sent [0-9]+ bytes" \
   "| HTTP/1.1 200 OK" \
   "| Transfer-Encoding: chunked" \
   "| Hello from the local peer: this body came in four chunks."
 
 run udp_echo 0 udp_echo.lua \
+  "sent datagram 5 (10 bytes)" \
   "echo from 127.0.0.1:$PEER_UDP_PORT: datagram 5" \
   "5 sent, 5 echoed"
 
@@ -75,6 +78,12 @@ run easy_tcp_http 0 easy/tcp_http.lua \
 run easy_udp_echo 0 easy/udp_echo.lua \
   "echo from 127.0.0.1:$PEER_UDP_PORT: datagram 5" \
   "5 sent, 5 echoed"
+
+# The README's tour as written, but for the port the peer got.
+tour="$(mktemp)"
+sed -n '/^```lua$/,/^```$/{/^```/d;p}' "$root/README.md" | sed "s/port = 8801,/port = $PEER_WS_PORT,/" >"$tour"
+run readme_tour 0 "$tour" "open" "got hello" "closed: User do close"
+rm -f "$tour"
 
 # Nothing listens on a port that was just free: every connect is refused and
 # the datagram goes unanswered, so the demo ends at its limit and says so.

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -17,7 +18,7 @@ void LuaTest::SetUp() {
     lua_pushcfunction(L, luaopen_ws_client);
     lua_setfield(L, -2, "ws_client");
     lua_settop(L, 0);
-    ASSERT_EQ(run("ws = require('ws_client')"), "");
+    ASSERT_EQ(run("ws = require('ws_client'); unpack = unpack or table.unpack"), "");
 }
 
 void LuaTest::TearDown() {
@@ -53,7 +54,14 @@ double LuaTest::global_number(const char* name) {
     return value;
 }
 
-void LuaTest::set_global(const char* name, double value) { lua_pushnumber(L, value), lua_setglobal(L, name); }
+// Whole values as integers: from 5.3 on, 3.0 prints and keys tables as "3.0".
+static int push(lua_State* L, lua_Number value) {
+    if (value == std::trunc(value) && std::fabs(value) < 0x1p53)
+        return lua_pushinteger(L, static_cast<lua_Integer>(value)), 1;
+    return lua_pushnumber(L, value), 1;
+}
+
+void LuaTest::set_global(const char* name, double value) { push(L, value), lua_setglobal(L, name); }
 
 void LuaTest::set_global(const char* name, const std::string& value) {
     lua_pushlstring(L, value.data(), value.size()), lua_setglobal(L, name);
@@ -69,7 +77,6 @@ sock_header* record_arg(lua_State* L) {
 }
 
 int arg(lua_State* L, int index) { return static_cast<int>(luaL_checkinteger(L, index)); }
-int push(lua_State* L, lua_Number value) { return lua_pushnumber(L, value), 1; }
 
 int peer_recv(lua_State* L) {
     const int fd = arg(L, 1);

@@ -1,32 +1,59 @@
 #!/usr/bin/env bash
 # The installed module loads, installed either way:
 #   package_test.sh install BUILD_DIR CMOD_DIR INTERPRETER LMOD_DIR: `cmake
-#     --install` into a staging directory puts ws_client.so into CMOD_DIR and
-#     ws_client/easy.lua into LMOD_DIR, and nothing else;
-#   package_test.sh rock SOURCE_DIR INTERPRETER: the rockspec is well formed and
-#     `luarocks make` builds the module with CMake into a rock tree.
+#     --install --prefix` puts ws_client.so into CMOD_DIR and ws_client/easy.lua
+#     into LMOD_DIR under the prefix, and nothing else (absolute dirs: under
+#     DESTDIR); `--strip` drops the module's symbols;
+#   package_test.sh rock SOURCE_DIR: the release tarball and rockspec from
+#     scripts/dist.sh, `luarocks pack`, and `luarocks build` into a private tree
+#     for each of Lua 5.1 to 5.4, each loaded by its interpreter.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
+quiet() { "$@" >"$work/log" 2>&1 || { cat "$work/log" >&2; exit 1; }; }
+
 if [ "$1" = install ]; then
-  lua="$4" module_dir="$work/$3" lua_dir="$work/$5"
-  DESTDIR="$work" cmake --install "$2" >/dev/null
-  installed="$(cd "$work" && find . -type f | sort)"
-  expected="$(printf '%s\n' "./${3#/}/ws_client.so" "./${5#/}/ws_client/easy.lua" | sort)"
-  [ "$installed" = "$expected" ] || { printf 'installed:\n%s\n' "$installed" >&2; exit 1; }
-else
-  source_dir="$2" lua="$3" module_dir="$work/tree/lib/lua/5.1" lua_dir="$work/tree/share/lua/5.1"
-  rockspec="$(cd "$source_dir" && ls ws_client-*.rockspec)"
-  luarocks lint "$source_dir/$rockspec"
-  # luarocks builds inside the tree it is given: use a copy of the sources.
-  mkdir "$work/src"
-  cp -r "$source_dir/CMakeLists.txt" "$source_dir/include" "$source_dir/src" "$source_dir/$rockspec" "$work/src/"
-  (cd "$work/src" && luarocks make --tree "$work/tree" "$rockspec") >"$work/make.log" 2>&1 ||
-    { cat "$work/make.log" >&2; exit 1; }
-  installed="$(find "$work/tree" -name ws_client.so)"
-  [ "$installed" = "$module_dir/ws_client.so" ] || { echo "module at '$installed'" >&2; exit 1; }
+  build="$2" cmod="$3" lua="$4" lmod="$5"
+  for mode in plain strip; do
+    dest="$work/$mode" flags=()
+    [ $mode = strip ] && flags=(--strip)
+    if [[ "$cmod" == /* ]]; then
+      DESTDIR="$dest" quiet cmake --install "$build" "${flags[@]}"
+      module_dir="$dest$cmod" lua_dir="$dest$lmod"
+    else
+      quiet cmake --install "$build" --prefix "$dest" "${flags[@]}"
+      module_dir="$dest/$cmod" lua_dir="$dest/$lmod"
+    fi
+    installed="$(cd "$dest" && find . -type f | sort)"
+    expected="$(printf '%s\n' ".${module_dir#"$dest"}/ws_client.so" ".${lua_dir#"$dest"}/ws_client/easy.lua" | sort)"
+    [ "$installed" = "$expected" ] || { printf 'installed:\n%s\n' "$installed" >&2; exit 1; }
+    symbols=0
+    readelf -S "$module_dir/ws_client.so" | grep -q '\.symtab' && symbols=1
+    [ "$symbols" = "$([ $mode = plain ] && echo 1 || echo 0)" ] || { echo "$mode install: symbol table $symbols" >&2; exit 1; }
+    LUA_CPATH="$module_dir/?.so" "$lua" "$here/lua/load_module.lua"
+    LUA_CPATH="$module_dir/?.so" LUA_PATH="$lua_dir/?.lua" "$lua" -e 'assert(require("ws_client.easy").run)'
+  done
+  echo "installed into $module_dir (plain and stripped) and loaded with $lua"
+  exit 0
 fi
-LUA_CPATH="$module_dir/?.so" "$lua" "$here/lua/load_module.lua"
-LUA_CPATH="$module_dir/?.so" LUA_PATH="$lua_dir/?.lua" "$lua" -e 'assert(require("ws_client.easy").run)'
-echo "installed into $module_dir and loaded with $lua"
+
+source_dir="$2"
+quiet "$source_dir/scripts/dist.sh" "$work/dist"
+rockspec="$(echo "$work"/dist/ws_client-*.rockspec)"
+luarocks lint "$rockspec"
+(cd "$work/dist" && quiet luarocks pack "$rockspec")
+src_rock="$(echo "$work"/dist/ws_client-*.src.rock)"
+[ -f "$src_rock" ] || { echo "luarocks pack made no source rock" >&2; exit 1; }
+export CMAKE_BUILD_PARALLEL_LEVEL=2
+for version in 5.1 5.2 5.3 5.4; do
+  # 5.1 from the rockspec (it fetches the tarball), the others from the source rock alone.
+  from="$src_rock"; [ "$version" = 5.1 ] && from="$rockspec"
+  (cd "$work" && quiet luarocks --lua-version "$version" --tree "$work/tree" build "$from")
+  module="$work/tree/lib/lua/$version/ws_client.so"
+  [ -f "$module" ] || { echo "no $module" >&2; find "$work/tree" -name ws_client.so >&2; exit 1; }
+  LUA_CPATH="${module%ws_client.so}?.so" "lua$version" "$here/lua/load_module.lua"
+  LUA_CPATH="${module%ws_client.so}?.so" LUA_PATH="$work/tree/share/lua/$version/?.lua" "lua$version" \
+    -e 'assert(require("ws_client.easy").run)'
+  echo "luarocks build $(basename "$from") for Lua $version: loaded with lua$version"
+done
