@@ -7,7 +7,7 @@ BENCH_BUILD ?= build-bench
 LUAJIT_BUILD ?= build-luajit
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench clean
+.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench footprint clean
 
 deps:
 	@scripts/deps.sh
@@ -57,6 +57,14 @@ bench: deps
 	$(BENCH_BUILD)/bench/chunked_bench
 	$(BENCH_BUILD)/bench/tcp_roundtrip_bench
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
+	bench/footprint.sh lua5.1 $(BENCH_BUILD)
+
+# Resident memory per connection kind, the module's size and the wss round
+# trip rate, against the local peer (bench/footprint.sh).
+footprint: deps
+	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target ws_client
+	bench/footprint.sh lua5.1 $(BENCH_BUILD)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)
