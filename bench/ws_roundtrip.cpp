@@ -4,6 +4,8 @@
 // next) versus plain C writing prebuilt masked frames and reading the echo
 // (the floor). Sequential: one message in flight.
 //   ws_roundtrip_bench [seconds per measurement]
+//   ws_roundtrip_bench --count N   (N module round trips of 32 bytes, for
+//                                   instruction counts under callgrind)
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -126,7 +128,7 @@ int lua_now(lua_State* L) {
 }
 
 constexpr const char* kScript = R"(
-    local port, size, seconds = ...
+    local port, size, seconds, limit = ...
     local ws = require('ws_client')
     local text = string.rep('a', size)
     local done, failed, c = 0, nil, nil
@@ -136,7 +138,7 @@ constexpr const char* kScript = R"(
         on_message = function(data)
             if data ~= text then failed = 'wrong echo'; ws.loop_stop(); return end
             done = done + 1
-            if now() - t0 >= seconds then ws.loop_stop() else ws.ws_send(c, text) end
+            if now() - t0 >= seconds or done == limit then ws.loop_stop() else ws.ws_send(c, text) end
         end,
         on_error = function(e, message) failed = message; ws.loop_stop() end })
     if not c then error('connect failed') end
@@ -146,10 +148,11 @@ constexpr const char* kScript = R"(
     t1 = now()
     ws.ws_close(c)
     if failed then error(failed) end
-    return done / (t1 - t0)
+    return limit and done or done / (t1 - t0)
 )";
 
-double module_round_trips(uint16_t port, int size, double seconds) {
+// Round trips per second, or with a limit the number of round trips done.
+double module_round_trips(uint16_t port, int size, double seconds, long limit = 0) {
     lua_State* L = open_state_with_module();
     lua_register(L, "now", lua_now);
     if (luaL_loadstring(L, kScript) != 0)
@@ -157,7 +160,11 @@ double module_round_trips(uint16_t port, int size, double seconds) {
     lua_pushinteger(L, port);
     lua_pushinteger(L, size);
     lua_pushnumber(L, seconds);
-    if (lua_pcall(L, 3, 1, 0) != 0) {
+    if (limit > 0)
+        lua_pushinteger(L, limit);
+    else
+        lua_pushnil(L);
+    if (lua_pcall(L, 4, 1, 0) != 0) {
         std::fprintf(stderr, "script failed: %s\n", lua_tostring(L, -1));
         std::exit(1);
     }
@@ -247,6 +254,14 @@ double plain_round_trips(uint16_t port, int size, double seconds) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 2 && std::strcmp(argv[1], "--count") == 0) {
+        echo_server server = start_echo_server();
+        const long limit = std::atol(argv[2]);
+        const double done = module_round_trips(server.port, 32, 1e6, limit);
+        stop_echo_server(server);
+        std::printf("%.0f round trips of 32 bytes\n", done);
+        return done == static_cast<double>(limit) ? 0 : 1;
+    }
     const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
     echo_server server = start_echo_server();
     std::printf("WebSocket sequential round trips against python3-websockets on 127.0.0.1, best of 2 x %.1f s\n",

@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     // each call takes at least one byte or ends the stream
     for (std::size_t calls = 0; received > 0; ++calls) {
         require(calls <= size + 1);
-        received = ws_recv(L, fd, nullptr, &error);
+        received = ws_recv(L, fd, &error);
         lua_settop(L, 0);
     }
     close(ends[0]);

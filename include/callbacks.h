@@ -1,8 +1,13 @@
 // Calls from the module into the script's callbacks. Every call is
 // protected and its status ignored; a script error never reaches the module.
+// Every callback leaves the stack below it as it found it: that is what keeps
+// records alive across callbacks (the rule is in callbacks.cpp).
 #pragma once
 
 #include <lua.hpp>
+
+#include <cerrno>
+#include <cstring>
 
 #include "ws_client.h"
 
@@ -11,15 +16,14 @@
 void get_cb(lua_State* L, int32_t fd, const char* name);
 
 // on_error(errno, message); does nothing for fd 0. errnum is ignored: the
-// script always sees errno as it stands at the call. Empties the stack.
+// script always sees errno as it stands at the call.
 void error_callback(lua_State* L, int32_t fd, int errnum, const char* message);
-// on_open(); leaves the options table on the stack.
+// on_open()
 void connect_callback(lua_State* L, int32_t fd);
 void tcp_connect_callback(lua_State* L, const tcp_record* record);
-// on_close(reason); empties the stack.
+// on_close(reason)
 void close_callback(lua_State* L, int32_t fd, const char* reason);
 // on_message(data, from, port); a null `from` reaches the script as nil.
-// Empties the stack.
 void receive_callback(lua_State* L, int32_t fd, const char* data, const char* from, int port);
 
 // True when an options table is registered for fd.
@@ -31,3 +35,17 @@ bool has_options_table(lua_State* L, int32_t fd);
 // table to report through: it is refused quietly. A socket that was never
 // connected still reports, which raises when nothing is registered for it.
 void closed_socket_callback(lua_State* L, int32_t fd, bool never_connected, bool registration_missing);
+
+// Report, then close: on_error(errno, message) for fd, then close(reason)
+// where `reason` null means the text of errno as on_error left it. The
+// reason is copied before it is used, so a strerror() text may be passed.
+template <typename Close>
+void report_and_close(lua_State* L, int32_t fd, const char* message, const char* reason, Close close) {
+    char text[256] = "";
+    if (reason != nullptr)
+        std::strncpy(text, reason, sizeof text - 1);
+    error_callback(L, fd, errno, message);
+    if (reason == nullptr)
+        std::strncpy(text, std::strerror(errno), sizeof text - 1);
+    close(text);
+}

@@ -5,15 +5,8 @@
 
 #include <lua.hpp>
 
-#include "tools.h"
+#include "fdset.h"
 #include "ws_client.h"
-
-// The receive buffer the loop hands to the WebSocket receive path: this many
-// bytes plus one spare for a terminator. Allocated zeroed once and shared by
-// every run (also by a run nested inside a callback, so a receive path must
-// not read it after a callback returned). The loop never clears it whole:
-// the receive path clears what it wrote.
-constexpr std::size_t LOOP_BUFFER_SIZE = 0x100000;
 
 // Runs until the registry value "loop_ctl" reads 0 at the end of a pass (1),
 // or select() fails fatally (-1, after on_error and a close for every slot).

@@ -33,7 +33,8 @@ int32_t tcp_send(lua_State* L, tcp_record* record, const char* data);
 // result; *err gets errno as it stood after the read.
 int32_t tcp_recv(lua_State* L, int32_t fd, int* err);
 
-// read(), retried while interrupted.
+// One plain read on the stream socket fd (see transport.h), retried while
+// interrupted.
 ssize_t safe_read(int fd, void* buffer, std::size_t length);
 // Reads until three empty reads in a row, a failing read or a nearly full
 // destination; dest gets the text (up to the first zero byte of the data) and

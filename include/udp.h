@@ -18,8 +18,7 @@ udp_record* udp_init(lua_State* L, udp_record* record);
 // -1, or when the record registered for its descriptor is missing or has
 // status 0; on_error then gets "Socket has been closed!" (only when an
 // options table is registered for the descriptor). A null data or ip is
-// refused with -1. Leaves the registered object on the stack unless a
-// callback ran.
+// refused with -1. Leaves the registered object on the stack.
 int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* ip, int32_t port);
 
 // Reads one pending datagram from fd and hands it to on_message(data, sender
@@ -27,8 +26,6 @@ int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* 
 int udp_recv(lua_State* L, int32_t fd);
 
 // Takes fd out of the socket table, closes it, calls on_close(reason), then
-// sets record->sockfd to -1. The record's block must be on the caller's stack
-// (or otherwise anchored): on_close may drop every other reference. The
-// stack is cleared after on_close returned, and nothing allocates between
-// that and the write.
+// sets record->sockfd to -1. The record's object must be on the caller's
+// stack (callbacks.cpp): on_close may drop every other reference.
 void udp_do_close(lua_State* L, udp_record* record, const char* reason);

@@ -1,15 +1,16 @@
-// Shared definitions of the module: socket kind codes, status values, the
-// three socket records and the debug log. Every unit includes this header;
-// it does not include lua.h, so the pure codec and parser units stay free of
-// the interpreter.
+// Shared definitions of the module: socket kind codes, status values and the
+// three socket records. Every unit includes this header; it does not include
+// lua.h, so the Lua-free core units can use it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
-typedef struct ssl_st SSL;
-typedef struct ssl_ctx_st SSL_CTX;
+#include "debug_log.h"
+
+struct tls_context;  // see tls.h
+struct tls_session;
 
 // ---- kind codes (the script stores the same number under `type`) ----
 constexpr int32_t SOCK_TYPE_WS = 0;
@@ -55,8 +56,8 @@ struct ws_record {
     int32_t is_secure;
     int32_t port;
     int32_t timeout;
-    SSL* ssl;
-    SSL_CTX* ssl_ctx;
+    tls_session* ssl;
+    tls_context* ssl_ctx;
     char url[TEXT_FIELD_SIZE];
     char crt[TEXT_FIELD_SIZE];
     char prikey[TEXT_FIELD_SIZE];
@@ -74,8 +75,8 @@ struct tcp_record {
     int32_t status;
     int32_t is_secure;
     int32_t port;
-    SSL* ssl;
-    SSL_CTX* ssl_ctx;
+    tls_session* ssl;
+    tls_context* ssl_ctx;
     char ip[TEXT_FIELD_SIZE];
     char crt[TEXT_FIELD_SIZE];
     char prikey[TEXT_FIELD_SIZE];
@@ -96,24 +97,3 @@ constexpr bool has_shared_prefix =
 static_assert(has_shared_prefix<ws_record>);
 static_assert(has_shared_prefix<tcp_record>);
 static_assert(has_shared_prefix<udp_record>);
-
-// ---- debug log ----
-// One line per call, appended to the file named by set_debug; the file is
-// opened and closed for every line. Off until a path other than "NULL" is set.
-namespace debug_log_detail {
-extern bool enabled;
-}
-// off costs this one test per log site
-inline bool debug_log_enabled() noexcept { return debug_log_detail::enabled; }
-// keeps its own copy of the path; "NULL" turns logging off
-bool debug_log_set_path(const char* path) noexcept;
-void debug_log_write(const char* unit, const char* function, int line, const char* format, ...) noexcept
-    __attribute__((format(printf, 4, 5)));
-
-// Every .cpp defines LOG_UNIT (its unit name) before using WS_LOG; the message
-// carries its own line end, as each log site's text does.
-#define WS_LOG(...)                                                  \
-    do {                                                             \
-        if (debug_log_enabled())                                     \
-            debug_log_write(LOG_UNIT, __func__, __LINE__, __VA_ARGS__); \
-    } while (0)

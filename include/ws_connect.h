@@ -4,6 +4,7 @@
 
 #include <lua.hpp>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "packets.h"
@@ -24,27 +25,27 @@ ws_record* ws_init(lua_State* L, ws_record* ws, int unused);
 
 // URL check, name resolution, connect with time-out, TLS for wss, opening
 // handshake. 1 when open; -1 after the failure was reported (on_error) and
-// the socket closed (on_close). The caller keeps `ws` anchored: callbacks
-// empty the stack.
+// the socket closed (on_close). The caller keeps the record's object on its
+// stack (callbacks.cpp).
 int do_new_connect(lua_State* L, ws_record* ws);
 
 // Releases TLS state (once, whichever copy comes first), takes the descriptor
 // out of the socket table when `ws` is open, closes it, marks the registered
 // record closed and calls on_close(reason); then sets ws->sockfd to -1.
 // on_close is skipped when no options table is registered for the
-// descriptor (a record closed before: descriptor -1). The caller keeps `ws`
-// reachable (on the stack below on_close, or anchored).
+// descriptor (a record closed before: descriptor -1). The caller keeps the
+// record's object on its stack.
 void ws_do_close(lua_State* L, ws_record* ws, const char* reason);
 
-// Sends `data` up to its first zero byte as one masked text frame, written
-// once. The text length (also when the write failed: on_error, then the
+// Sends the `length` bytes of `data` (the text up to its first zero byte) as
+// one masked text frame, written once. The text length (also when the write failed: on_error, then the
 // connection is closed), 0 when the socket was not writable at once (on_error
 // with the errno that happened to be set; nothing is queued), -1 when the
 // connection is closed (on_error "Socket has been closed!" under the shared
 // rule of closed_socket_callback), the poll failed (on_error, then closed) or
 // the text is longer than WS_MAX_TEXT_LENGTH (nothing is sent, nothing
-// reported). Leaves the registered object on the stack unless a callback ran.
-int ws_send(lua_State* L, ws_record* ws, const char* data);
+// reported). Leaves the registered object on the stack.
+int ws_send(lua_State* L, ws_record* ws, const char* data, std::size_t length);
 
 // Called by the main loop when fd is readable: reads, walks the frames read,
 // hands texts to on_message, answers a ping with an empty pong (frames after
@@ -52,8 +53,8 @@ int ws_send(lua_State* L, ws_record* ws, const char* data);
 // Binary frames, pongs and malformed frames are dropped. The byte count of
 // the last read (the connection stays), 0 (peer closed, close answered, or
 // the frame buffer filled before a text completed) or -1 with the errno in
-// *err. `buffer` is not used. Nothing is kept from one call to the next.
-int ws_recv(lua_State* L, int32_t fd, char* buffer, int* err);
+// *err. Nothing is kept from one call to the next.
+int ws_recv(lua_State* L, int32_t fd, int* err);
 
 // Sends an empty close frame once, without waiting for the answer. On a
 // closed connection reports "Socket has been closed!" instead, where an

@@ -1,8 +1,14 @@
 // Calls into the script: find the callback in the socket's options table and
 // run it in protected mode.
+//
+// Keeping a record alive across callbacks, the one rule: a record is valid
+// while its object is reachable, and a callback may drop every reference the
+// script holds and replace the registry entries. So C code that still uses a
+// record after a callback keeps the record's object on its own Lua stack for
+// that span (an argument of the binding, or the value a lookup pushed), and
+// every callback below restores the stack to the height it found, never
+// lower. Nothing else anchors records.
 #include "callbacks.h"
-
-#include <cerrno>
 
 #include "tools.h"
 
@@ -18,37 +24,39 @@ void error_callback(lua_State* L, int32_t fd, int errnum, const char* message) {
     (void)errnum;  // the script always sees errno as it is now
     if (fd == 0)
         return;  // descriptor 0 never belongs to the module
+    const int height = lua_gettop(L);
     get_cb(L, fd, "on_error");
     lua_pushinteger(L, errno);
     lua_pushstring(L, message);
     lua_pcall(L, 2, 0, 0);
-    lua_settop(L, 0);
+    lua_settop(L, height);
 }
 
 void connect_callback(lua_State* L, int32_t fd) {
+    const int height = lua_gettop(L);
     get_cb(L, fd, "on_open");
-    lua_pcall(L, 0, 0, 0);  // the options table stays below
+    lua_pcall(L, 0, 0, 0);
+    lua_settop(L, height);
 }
 
-void tcp_connect_callback(lua_State* L, const tcp_record* record) {
-    get_cb(L, record->sockfd, "on_open");
-    lua_pcall(L, 0, 0, 0);
-}
+void tcp_connect_callback(lua_State* L, const tcp_record* record) { connect_callback(L, record->sockfd); }
 
 void close_callback(lua_State* L, int32_t fd, const char* reason) {
+    const int height = lua_gettop(L);
     get_cb(L, fd, "on_close");
     lua_pushstring(L, reason);
     lua_pcall(L, 1, 0, 0);
-    lua_settop(L, 0);
+    lua_settop(L, height);
 }
 
 void receive_callback(lua_State* L, int32_t fd, const char* data, const char* from, int port) {
+    const int height = lua_gettop(L);
     get_cb(L, fd, "on_message");
     lua_pushstring(L, data);
     lua_pushstring(L, from);  // null pushes nil
     lua_pushnumber(L, port);
     lua_pcall(L, 3, 0, 0);
-    lua_settop(L, 0);
+    lua_settop(L, height);
 }
 
 bool has_options_table(lua_State* L, int32_t fd) {

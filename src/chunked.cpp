@@ -6,6 +6,10 @@
 
 #include "ws_client.h"
 
+#ifdef lua_h
+#error "the chunked decoder must stay free of the interpreter"
+#endif
+
 #define LOG_UNIT "tcp"
 
 int find_key(const char* buffer, int32_t length, const char* key, int32_t key_length, int32_t* position) {

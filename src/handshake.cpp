@@ -1,21 +1,20 @@
 // WebSocket opening handshake: key, expected accept, request, answer check.
 #include "handshake.h"
 
-#include <openssl/bio.h>
-#include <openssl/buffer.h>
-#include <openssl/evp.h>
-#include <openssl/sha.h>
-#include <openssl/ssl.h>
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <memory>
 
-#include "tools.h"
+#include "fdset.h"
+#include "tls_owner.h"
+#include "transport.h"
+
+#ifdef lua_h
+#error "the handshake must stay free of the interpreter"
+#endif
 
 #define LOG_UNIT "handshake"
 
@@ -32,49 +31,127 @@ constexpr const char* kRequestTemplate =
 // Host and path are record-sized texts, so the request always fits.
 constexpr std::size_t kRequestCapacity = 1024;
 
-struct bio_chain_free {
-    void operator()(BIO* bio) const { BIO_free_all(bio); }
-};
-using bio_chain = std::unique_ptr<BIO, bio_chain_free>;
+// One read buffer for every handshake.
+char answer[kAnswerCapacity];
 
-// The filter ends its output with a newline (and breaks long lines); keys
-// and accept values carry none.
-void remove_newlines(char* text) {
-    char* out = text;
-    for (const char* in = text; *in != '\0'; ++in)
-        if (*in != '\n')
-            *out++ = *in;
-    *out = '\0';
+// ---- SHA-1 ----
+
+struct sha1_state {
+    uint32_t h[5];
+    uint64_t bytes;  // message length so far
+    uint8_t block[64];
+    std::size_t used;  // bytes in `block`
+};
+
+uint32_t rotate(uint32_t value, int bits) { return (value << bits) | (value >> (32 - bits)); }
+
+void sha1_block(sha1_state& state, const uint8_t* block) {
+    uint32_t w[80];
+    for (int t = 0; t < 16; ++t)
+        w[t] = static_cast<uint32_t>(block[4 * t]) << 24 | static_cast<uint32_t>(block[4 * t + 1]) << 16 |
+               static_cast<uint32_t>(block[4 * t + 2]) << 8 | block[4 * t + 3];
+    for (int t = 16; t < 80; ++t)
+        w[t] = rotate(w[t - 3] ^ w[t - 8] ^ w[t - 14] ^ w[t - 16], 1);
+    uint32_t a = state.h[0], b = state.h[1], c = state.h[2], d = state.h[3], e = state.h[4];
+    for (int t = 0; t < 80; ++t) {
+        uint32_t f, k;
+        if (t < 20) {
+            f = (b & c) | (~b & d);
+            k = 0x5A827999;
+        } else if (t < 40) {
+            f = b ^ c ^ d;
+            k = 0x6ED9EBA1;
+        } else if (t < 60) {
+            f = (b & c) | (b & d) | (c & d);
+            k = 0x8F1BBCDC;
+        } else {
+            f = b ^ c ^ d;
+            k = 0xCA62C1D6;
+        }
+        const uint32_t next = rotate(a, 5) + f + e + w[t] + k;
+        e = d;
+        d = c;
+        c = rotate(b, 30);
+        b = a;
+        a = next;
+    }
+    state.h[0] += a;
+    state.h[1] += b;
+    state.h[2] += c;
+    state.h[3] += d;
+    state.h[4] += e;
 }
 
-// One read buffer for every handshake, made on first use.
-char* answer_buffer() {
-    static char* buffer = static_cast<char*>(std::malloc(kAnswerCapacity));
-    return buffer;
+void sha1_add(sha1_state& state, const uint8_t* data, std::size_t length) {
+    state.bytes += length;
+    while (length > 0) {
+        const std::size_t take = std::min(length, sizeof state.block - state.used);
+        std::memcpy(state.block + state.used, data, take);
+        state.used += take;
+        data += take;
+        length -= take;
+        if (state.used == sizeof state.block) {
+            sha1_block(state, state.block);
+            state.used = 0;
+        }
+    }
+}
+
+void sha1_begin(sha1_state& state) {
+    state = {{0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0}, 0, {}, 0};
+}
+
+// Pads with 0x80, zeros and the bit length (big-endian), as RFC 3174 says.
+void sha1_end(sha1_state& state, uint8_t* digest) {
+    const uint64_t bits = state.bytes * 8;
+    const uint8_t one = 0x80;
+    sha1_add(state, &one, 1);
+    const uint8_t zero = 0;
+    while (state.used != 56)
+        sha1_add(state, &zero, 1);
+    uint8_t length[8];
+    for (int i = 0; i < 8; ++i)
+        length[i] = static_cast<uint8_t>(bits >> (56 - 8 * i));
+    sha1_add(state, length, sizeof length);
+    for (int i = 0; i < 5; ++i)
+        for (int j = 0; j < 4; ++j)
+            digest[4 * i + j] = static_cast<uint8_t>(state.h[i] >> (24 - 8 * j));
+}
+
+// The record's TLS session for the exchange; false for a secure record whose
+// session is gone.
+bool stream_session(const ws_record& ws, tls_session** tls) {
+    *tls = ws.is_secure == 1 ? live_session(ws) : nullptr;
+    return ws.is_secure != 1 || *tls != nullptr;
 }
 
 }  // namespace
 
+void sha1(const void* data, std::size_t length, uint8_t (&digest)[SHA1_SIZE]) {
+    sha1_state state;
+    sha1_begin(state);
+    sha1_add(state, static_cast<const uint8_t*>(data), length);
+    sha1_end(state, digest);
+}
+
 int base64_encode(const unsigned char* input, std::size_t length, std::span<char> out) {
-    if (input == nullptr || out.data() == nullptr)
+    static constexpr char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const std::size_t needed = (length + 2) / 3 * 4;
+    if (input == nullptr || out.data() == nullptr || needed + 1 > out.size())
         return -1;
-    BIO* sink = BIO_new(BIO_s_mem());
-    BIO* filter = BIO_new(BIO_f_base64());
-    if (sink == nullptr || filter == nullptr) {
-        BIO_free(sink);
-        BIO_free(filter);
-        return -1;
+    char* at = out.data();
+    for (std::size_t i = 0; i < length; i += 3) {
+        const std::size_t left = length - i;
+        const uint32_t group = static_cast<uint32_t>(input[i]) << 16 |
+                               (left > 1 ? static_cast<uint32_t>(input[i + 1]) << 8 : 0) |
+                               (left > 2 ? input[i + 2] : 0);
+        *at++ = digits[(group >> 18) & 63];
+        *at++ = digits[(group >> 12) & 63];
+        *at++ = left > 1 ? digits[(group >> 6) & 63] : '=';
+        *at++ = left > 2 ? digits[group & 63] : '=';
     }
-    bio_chain chain(BIO_push(filter, sink));
-    if (BIO_write(chain.get(), input, static_cast<int>(length)) < 0 || BIO_flush(chain.get()) != 1)
-        return -1;
-    BUF_MEM* memory = nullptr;
-    BIO_get_mem_ptr(chain.get(), &memory);
-    if (memory == nullptr || memory->length + 1 > out.size())
-        return -1;
-    std::memcpy(out.data(), memory->data, memory->length);
-    out[memory->length] = '\0';
-    return static_cast<int>(memory->length);
+    *at = '\0';
+    return static_cast<int>(needed);
 }
 
 void sec_websocket_key(char (&out)[TEXT_FIELD_SIZE]) {
@@ -84,18 +161,18 @@ void sec_websocket_key(char (&out)[TEXT_FIELD_SIZE]) {
         byte = static_cast<unsigned char>(std::rand() & 0xff);
     if (base64_encode(material, sizeof material, out) < 0)
         out[0] = '\0';
-    remove_newlines(out);
 }
 
 int sec_websocket_accept(const char* key, char (&out)[TEXT_FIELD_SIZE]) {
-    char joined[8192];
-    std::snprintf(joined, sizeof joined, "%s%s", key, kGuid);
-    unsigned char digest[SHA_DIGEST_LENGTH + 1] = {};
-    SHA1(reinterpret_cast<const unsigned char*>(joined), std::strlen(joined), digest);
+    sha1_state state;
+    sha1_begin(state);
+    sha1_add(state, reinterpret_cast<const uint8_t*>(key), std::strlen(key));
+    sha1_add(state, reinterpret_cast<const uint8_t*>(kGuid), std::strlen(kGuid));
+    uint8_t digest[SHA1_SIZE + 1] = {};  // the log shows it as text: terminated
+    sha1_end(state, digest);
     WS_LOG("SHA1 data of accept key is %s\n", reinterpret_cast<const char*>(digest));
-    if (base64_encode(digest, SHA_DIGEST_LENGTH, out) < 0)
+    if (base64_encode(digest, SHA1_SIZE, out) < 0)
         out[0] = '\0';
-    remove_newlines(out);
     return 0;
 }
 
@@ -120,17 +197,8 @@ int handshake_result(ws_record* ws) {
     if (ready <= 0)
         return -1;
     // with the descriptor alone in the set, a positive count means readable
-    char* answer = answer_buffer();
-    if (answer == nullptr)
-        return -1;
-    const std::size_t limit = kAnswerCapacity - 1;
-    ssize_t nread;
-    if (ws->is_secure == 1) {
-        SSL* ssl = tls_session(*ws);
-        nread = ssl != nullptr ? SSL_read(ssl, answer, static_cast<int>(limit)) : -1;
-    } else {
-        nread = recv(ws->sockfd, answer, limit, 0);
-    }
+    tls_session* tls = nullptr;
+    const long nread = stream_session(*ws, &tls) ? stream_read(ws->sockfd, tls, answer, kAnswerCapacity - 1) : -1;
     // a failed read counts as an empty answer; the checks below then refuse it
     answer[nread > 0 ? nread : 0] = '\0';
     WS_LOG("handshake_result is:\n%s\n", answer);
@@ -138,7 +206,8 @@ int handshake_result(ws_record* ws) {
         WS_LOG("handshake_result nread is %d\n", static_cast<int>(nread));
         return -1;
     }
-    if (std::strncmp(answer, kStatusPrefix, std::strlen(kStatusPrefix)) != 0)
+    // the prefix holds no zero byte: comparing past the answer's end cannot match
+    if (std::memcmp(answer, kStatusPrefix, std::strlen(kStatusPrefix)) != 0)
         return -1;
     if (check_ws_accept(ws, answer) != 0)
         return -1;
@@ -155,14 +224,8 @@ int do_handshake(ws_record* ws, const char* host, const char* path) {
     if (length < 0)
         return -1;
     WS_LOG("handshake str is\n%s\n", request);
-    ssize_t sent;
-    if (ws->is_secure == 1) {
-        SSL* ssl = tls_session(*ws);
-        sent = ssl != nullptr ? SSL_write(ssl, request, length) : -1;
-    } else {
-        sent = send(ws->sockfd, request, static_cast<std::size_t>(length), MSG_NOSIGNAL);
-    }
-    if (sent == -1)
+    tls_session* tls = nullptr;
+    if (!stream_session(*ws, &tls) || stream_write(ws->sockfd, tls, request, static_cast<std::size_t>(length)) == -1)
         return -1;
     const int result = handshake_result(ws);
     WS_LOG("handshake result is %d\n", result);

@@ -129,21 +129,17 @@ static int ws_connect(lua_State* L) {
     const int32_t fd = record->sockfd;
     // A closed object has no descriptor to register under.
     luaL_argcheck(L, fd != -1, 1, "socket has been closed");
-    // Callbacks empty the stack and the registry entry is replaced below:
-    // the record stays anchored until its last use.
-    const int anchor = anchor_value(L, 1);
     registry_store_top(L, sockfd_key(fd));  // the options table, last argument
     lua_pushvalue(L, 1);
     registry_store_top(L, udata_key(fd));
-    lua_settop(L, 0);
-    if (do_new_connect(L, record) == -1) {
-        anchor_release(L, anchor);
+    // The object stays at 1 until the record's last use (callbacks.cpp): the
+    // registry entry is replaced below.
+    lua_settop(L, 1);
+    if (do_new_connect(L, record) == -1)
         return 0;
-    }
     if (sock_add(fd) == -1) {
         error_callback(L, fd, errno, "socktbl is full now!");
         close(fd);
-        anchor_release(L, anchor);
         lua_pushnil(L);
         return 1;
     }
@@ -155,7 +151,6 @@ static int ws_connect(lua_State* L) {
     record->status = WS_STATUS_OPEN;
     WS_LOG("Connect callback out\n");
     push_record_copy(L, *record, METATABLE_WS);
-    anchor_release(L, anchor);
     return 1;
 }
 
@@ -166,8 +161,9 @@ static int ws_do_send(lua_State* L) {
     luaL_argcheck(L, data != nullptr, last, "string expected");
     WS_LOG("data from lua is %s\n", data);
     // Text semantics: the frame carries the bytes before the first zero byte.
-    luaL_argcheck(L, std::strlen(data) <= WS_MAX_TEXT_LENGTH, last, "text longer than 1048562 bytes");
-    const int sent = ws_send(L, record, data);
+    const std::size_t length = std::strlen(data);
+    luaL_argcheck(L, length <= WS_MAX_TEXT_LENGTH, last, "text longer than 1048562 bytes");
+    const int sent = ws_send(L, record, data, length);
     lua_pushnumber(L, sent);
     return 1;
 }
@@ -176,12 +172,9 @@ static int lua_close_ws(lua_State* L) {
     auto* record = static_cast<ws_record*>(luaL_checkudata(L, 1, METATABLE_WS));
     if (record == nullptr)
         return 0;
-    // A closed-socket report empties the stack before the close runs.
-    const int anchor = anchor_value(L, 1);
-    ws_send_close(L, record);
+    ws_send_close(L, record);  // argument 1 keeps the record through both (callbacks.cpp)
     ws_do_close(L, record, "User do close");
     WS_LOG("WS closed here\n");
-    anchor_release(L, anchor);
     return 0;
 }
 
@@ -200,8 +193,9 @@ static int udp_new(lua_State* L) {
 static int udp_do_connect(lua_State* L) {
     udp_record* record = check_udp_client(L, 1);
     luaL_checkany(L, 2);  // the options table, last
-    // A second reference to the object at the bottom keeps the record alive
-    // through on_open (the registry entry may be replaced meanwhile).
+    // A second reference to the object at the bottom keeps the record on the
+    // stack through on_open (callbacks.cpp); the value below the options
+    // table is what gets registered.
     lua_pushvalue(L, 1);
     lua_insert(L, 1);
     const int32_t fd = record->sockfd;
@@ -231,9 +225,7 @@ static int udp_do_sendto(lua_State* L) {
 
 static int lua_close_udp(lua_State* L) {
     auto* record = static_cast<udp_record*>(luaL_checkudata(L, 1, METATABLE_UDP));
-    // Argument 1 keeps the record alive while on_close runs; the stack is
-    // cleared only after it returned, and nothing allocates between that and
-    // the last write to the record.
+    // Argument 1 keeps the record alive while on_close runs (callbacks.cpp).
     udp_do_close(L, record, "User do close");
     return 0;
 }

@@ -4,22 +4,19 @@
 #include <sys/select.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "callbacks.h"
+#include "fdset.h"
 #include "luacli.h"
 #include "tcp.h"
+#include "tools.h"
 #include "udp.h"
 #include "ws_connect.h"
 
 #define LOG_UNIT "main_loop"
 // The loop's steps live in small helpers but log as the loop itself.
-#define LOOP_LOG(...)                                                   \
-    do {                                                                \
-        if (debug_log_enabled())                                        \
-            debug_log_write(LOG_UNIT, "main_loop", __LINE__, __VA_ARGS__); \
-    } while (0)
+constexpr const char* LOOP = "main_loop";
 
 namespace {
 
@@ -29,11 +26,11 @@ constexpr long TIMER_SLACK_USEC = 2000;
 // Receive paths of the stream kinds: the byte count, 0 when the peer closed,
 // or -1 with the error number stored through `error`. Null while the kind is
 // not part of the build: its readable descriptors are skipped.
-using stream_receive = int (*)(lua_State* L, int32_t fd, char* buffer, int* error);
+using stream_receive = int (*)(lua_State* L, int32_t fd, int* error);
 // Indexed by kind code; the WebSocket and TCP receive paths plug in here.
 constexpr stream_receive stream_receivers[] = {
     ws_recv,  // SOCK_TYPE_WS
-    [](lua_State* L, int32_t fd, char*, int* error) -> int { return tcp_recv(L, fd, error); },  // SOCK_TYPE_TCP
+    [](lua_State* L, int32_t fd, int* error) -> int { return tcp_recv(L, fd, error); },  // SOCK_TYPE_TCP
 };
 static_assert(SOCK_TYPE_WS == 0 && SOCK_TYPE_TCP == 1);
 
@@ -45,25 +42,20 @@ select_set error_fds{};
 // its pass to the next pass (select() is level-triggered, nothing is lost).
 unsigned long select_generation = 0;
 
-char* loop_buffer() {
-    static char* buffer = static_cast<char*>(std::calloc(LOOP_BUFFER_SIZE + 1, 1));
-    return buffer;
-}
-
 void run_periodic(lua_State* L, int32_t calls_per_tick) {
-    LOOP_LOG("will Do Main loop, try to get lua loop callback function!\n");
+    WS_LOG_AS(LOOP, "will Do Main loop, try to get lua loop callback function!\n");
     for (int32_t call = 0; call < calls_per_tick; ++call) {
         lua_getfield(L, LUA_REGISTRYINDEX, "main_loop");
-        LOOP_LOG("will Do Main loop\n");
+        WS_LOG_AS(LOOP, "will Do Main loop\n");
         lua_call(L, 0, 0);  // unprotected: its errors end the loop
         lua_settop(L, 0);
-        LOOP_LOG("<-- %s out stack len is %d -->\n", "main_loop", lua_gettop(L));
+        WS_LOG_AS(LOOP, "<-- %s out stack len is %d -->\n", "main_loop", lua_gettop(L));
     }
 }
 
-void report_and_close(lua_State* L, int32_t fd) {
-    error_callback(L, fd, errno, std::strerror(errno));
-    do_close(L, fd, std::strerror(errno));  // errno as on_error left it
+// on_error, then the close with the text of errno as on_error left it.
+void fail(lua_State* L, int32_t fd) {
+    report_and_close(L, fd, std::strerror(errno), nullptr, [&](const char* text) { do_close(L, fd, text); });
     lua_settop(L, 0);
 }
 
@@ -71,37 +63,38 @@ void report_and_close(lua_State* L, int32_t fd) {
 // on_error and a close. The table closes up under the sweep and empty slots
 // reach do_close with descriptor 0, whose kind lookup raises.
 int fatal_sweep(lua_State* L) {
-    LOOP_LOG("Main select error\n");
+    WS_LOG_AS(LOOP, "Main select error\n");
     for (int slot = 0; slot < SOCKET_TABLE_SIZE; ++slot) {
-        error_callback(L, socktbl[slot], errno, std::strerror(errno));
-        do_close(L, socktbl[slot], std::strerror(errno));
+        // the slot is read again for the close: on_error may have moved the table
+        report_and_close(L, socktbl[slot], std::strerror(errno), nullptr,
+                         [&](const char* text) { do_close(L, socktbl[slot], text); });
         lua_settop(L, 0);
     }
-    LOOP_LOG("Main return -1\n");
+    WS_LOG_AS(LOOP, "Main return -1\n");
     return -1;
 }
 
-void receive_stream(lua_State* L, int32_t fd, stream_receive receive, char* buffer) {
+void receive_stream(lua_State* L, int32_t fd, stream_receive receive) {
     int error = 0;
-    const int received = receive(L, fd, buffer, &error);
+    const int received = receive(L, fd, &error);
     const bool failed = received == 0 || (received == -1 && error != EINTR && error != EAGAIN);
     if (!failed)
         return;
-    LOOP_LOG("Main receive len is %d, err_no: %d, errstr: %s\n", received, error, std::strerror(error));
-    LOOP_LOG("EINTR is %d, EAGAIN is %d\n", EINTR, EAGAIN);
-    report_and_close(L, fd);
-    LOOP_LOG("Main return %d\n", received);
+    WS_LOG_AS(LOOP, "Main receive len is %d, err_no: %d, errstr: %s\n", received, error, std::strerror(error));
+    WS_LOG_AS(LOOP, "EINTR is %d, EAGAIN is %d\n", EINTR, EAGAIN);
+    fail(L, fd);
+    WS_LOG_AS(LOOP, "Main return %d\n", received);
 }
 
-void serve_readable(lua_State* L, int32_t fd, char* buffer) {
-    LOOP_LOG("Main select receive\n");
+void serve_readable(lua_State* L, int32_t fd) {
+    WS_LOG_AS(LOOP, "Main select receive\n");
     const int32_t kind = get_sock_type(L, fd);
     if (kind == SOCK_TYPE_WS || kind == SOCK_TYPE_TCP) {
         const stream_receive receive = stream_receivers[kind];
         if (receive != nullptr)
-            receive_stream(L, fd, receive, buffer);
+            receive_stream(L, fd, receive);
     } else if (kind == SOCK_TYPE_UDP) {
-        LOOP_LOG("will do udp recv\n");
+        WS_LOG_AS(LOOP, "will do udp recv\n");
         udp_recv(L, fd);
     }
     lua_settop(L, 0);  // the kind lookup leaves two values; keep the stack bounded
@@ -110,33 +103,33 @@ void serve_readable(lua_State* L, int32_t fd, char* buffer) {
 // Serves the descriptors select() reported. Callbacks may close sockets: the
 // table closes up, and the socket that moved into a freed slot waits for the
 // next pass.
-void walk_ready(lua_State* L, char* buffer) {
+void walk_ready(lua_State* L) {
     const unsigned long generation = select_generation;
     for (int slot = 0; slot < SOCKET_TABLE_SIZE && socktbl[slot] != 0; ++slot) {
         const int32_t fd = socktbl[slot];
         const bool readable = select_set_has(read_fds, fd);
         if (!readable && select_set_has(error_fds, fd)) {
-            LOOP_LOG("Main switch come in error\n");
-            report_and_close(L, fd);
-            LOOP_LOG("Main return -1\n");
+            WS_LOG_AS(LOOP, "Main switch come in error\n");
+            fail(L, fd);
+            WS_LOG_AS(LOOP, "Main return -1\n");
         } else if (readable) {
-            serve_readable(L, fd, buffer);
+            serve_readable(L, fd);
         } else {
             continue;
         }
         if (select_generation != generation)
             break;  // a nested run reused the sets
     }
-    LOOP_LOG("switch readable break\n");
+    WS_LOG_AS(LOOP, "switch readable break\n");
 }
 
 bool loop_continues(lua_State* L) {
-    LOOP_LOG("Main check loop_continue\n");
+    WS_LOG_AS(LOOP, "Main check loop_continue\n");
     lua_getfield(L, LUA_REGISTRYINDEX, "loop_ctl");
     const int32_t loop_continue = number_to_int32(lua_tonumber(L, -1));
     lua_settop(L, 0);  // nothing clears the stack on a quiet pass
-    LOOP_LOG("loop_continue is %d\n", loop_continue);
-    LOOP_LOG("loop_continue == LOOP_STOP is %d\n", loop_continue == LOOP_STOP);
+    WS_LOG_AS(LOOP, "loop_continue is %d\n", loop_continue);
+    WS_LOG_AS(LOOP, "loop_continue == LOOP_STOP is %d\n", loop_continue == LOOP_STOP);
     return loop_continue != LOOP_STOP;
 }
 
@@ -160,11 +153,6 @@ int add_select_fds(select_set& read_set, select_set& error_set) {
 }
 
 int main_loop(lua_State* L, int32_t calls_per_tick, int32_t interval_sec) {
-    char* buffer = loop_buffer();
-    if (buffer == nullptr) {
-        WS_LOG("Main return -1\n");
-        return -1;
-    }
     timeval timeout{interval_sec, TIMER_SLACK_USEC};
     for (;;) {
         WS_LOG("\n\nmain loop, timeout.tv_sec = %d\n\n", static_cast<int>(timeout.tv_sec));
@@ -189,7 +177,7 @@ int main_loop(lua_State* L, int32_t calls_per_tick, int32_t interval_sec) {
             timeout.tv_sec = 0;
             WS_LOG("Main select timeout break\n");
         } else {
-            walk_ready(L, buffer);
+            walk_ready(L);
         }
         if (!loop_continues(L)) {
             WS_LOG("main loop out\n");

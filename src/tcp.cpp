@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,7 +16,9 @@
 #include "callbacks.h"
 #include "chunked.h"
 #include "luacli.h"
+#include "tls_owner.h"
 #include "tools.h"
+#include "transport.h"
 
 #define LOG_UNIT "tcp"
 
@@ -28,58 +29,15 @@ namespace {
 // capacity are left.
 constexpr std::size_t READ_CHUNK = 2048;
 
-// The receive buffer and the decoded body: capacities, allocated on first
-// use and kept. Only the bytes a delivery uses are ever written.
-struct receive_buffers {
-    char received[TCP_RECV_BUFFER_SIZE];
-    char body[TCP_RECV_BUFFER_SIZE];
-};
-
-receive_buffers& buffers() {
-    static receive_buffers* allocated = new receive_buffers;  // uninitialised on purpose
-    return *allocated;
-}
-
-// Keeps the object that holds `record` alive across on_error, which empties
-// the stack (and whose script may drop every other reference). The object
-// must be on the stack at the call: the script bindings have it there as
-// argument 1. LUA_NOREF when absent.
-int anchor_record(lua_State* L, const void* record) {
-    for (int index = lua_gettop(L); index > 0; --index) {
-        if (lua_type(L, index) == LUA_TUSERDATA && lua_touserdata(L, index) == record) {
-            lua_pushvalue(L, index);
-            return luaL_ref(L, LUA_REGISTRYINDEX);
-        }
-    }
-    return LUA_NOREF;
-}
-
-// Puts the object back on the stack for the close that follows (which
-// keeps it there through on_close) and drops the anchor, so that a close
-// that raises (a record already closed from inside on_error) leaks nothing.
-void unanchor_onto_stack(lua_State* L, int reference) {
-    if (reference == LUA_NOREF)
-        return;
-    lua_rawgeti(L, LUA_REGISTRYINDEX, reference);
-    luaL_unref(L, LUA_REGISTRYINDEX, reference);
-}
+// The receive buffer and the decoded body. Only the bytes a delivery uses are
+// ever written.
+char received_text[TCP_RECV_BUFFER_SIZE];
+char decoded_body[TCP_RECV_BUFFER_SIZE];
 
 // on_error(errno, message), then the close with `reason` (null: the text of
-// errno as on_error left it).
-void report_and_close(lua_State* L, tcp_record* record, const char* message, const char* reason) {
-    const int anchor = anchor_record(L, record);
-    error_callback(L, record->sockfd, errno, message);
-    unanchor_onto_stack(L, anchor);
-    tcp_do_close(L, record, reason != nullptr ? reason : std::strerror(errno));
-}
-
-// The object registered for fd, when it is a socket record; null otherwise.
-// The value stays on the stack.
-const sock_header* push_registered_record(lua_State* L, int32_t fd) {
-    get_udata_by_sockfd(L, fd);
-    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
-        return nullptr;
-    return static_cast<const sock_header*>(lua_touserdata(L, -1));
+// errno as on_error left it). The record's object is on the caller's stack.
+void fail(lua_State* L, tcp_record* record, const char* message, const char* reason) {
+    report_and_close(L, record->sockfd, message, reason, [&](const char* text) { tcp_do_close(L, record, text); });
 }
 
 }  // namespace
@@ -113,7 +71,7 @@ int do_tcp_connect(lua_State* L, tcp_record* record) {
     record->status = TCP_STATUS_CONNECTING;
     const bool secure = record->is_secure == 1;
     if (secure && tcp_ssl_init(record) == -1) {
-        report_and_close(L, record, "ssl init fail", "ssl init fail");
+        fail(L, record, "ssl init fail", "ssl init fail");
         WS_LOG("ssl init fail\n");
         return -1;
     }
@@ -122,11 +80,11 @@ int do_tcp_connect(lua_State* L, tcp_record* record) {
     address.sin_port = htons(static_cast<uint16_t>(record->port & 0xffff));
     address.sin_addr.s_addr = inet_addr(record->ip);  // no name resolution: a name gives all ones
     if (connect(record->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
-        report_and_close(L, record, std::strerror(errno), nullptr);
+        fail(L, record, std::strerror(errno), nullptr);
         return -1;
     }
     if (secure && tcp_ssl_connect(record) == -1) {
-        report_and_close(L, record, "ssl_connect_fail", "ssl_connect_fail");
+        fail(L, record, "ssl_connect_fail", "ssl_connect_fail");
         WS_LOG("ssl_connect_fail\n");
         return -1;
     }
@@ -144,8 +102,7 @@ void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
             WS_LOG("close %d: %s\n", record->sockfd, std::strerror(errno));
         tcp_udata_close(L, record->sockfd);
     }
-    // The object stays on the stack below on_close's call, and nothing can
-    // collect it between the callback's stack clear and this write.
+    // The caller keeps the object on its stack (callbacks.cpp).
     close_callback(L, record->sockfd, reason);
     record->sockfd = -1;
 }
@@ -155,10 +112,10 @@ void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
 int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
     WS_LOG("Come in tcp send\n");
     tls_settle_stale_copy(*record);
-    const sock_header* registered = push_registered_record(L, record->sockfd);
-    SSL* ssl = record->is_secure == 1 ? tls_session(*record) : nullptr;
+    const sock_header* registered = push_registered(L, record->sockfd);
+    tls_session* tls = record->is_secure == 1 ? live_session(*record) : nullptr;
     const bool closed = record->status == TCP_STATUS_CREATED || registered == nullptr ||
-                        registered->status == TCP_STATUS_CLOSED || (record->is_secure == 1 && ssl == nullptr);
+                        registered->status == TCP_STATUS_CLOSED || (record->is_secure == 1 && tls == nullptr);
     if (closed) {
         closed_socket_callback(L, record->sockfd, record->status == TCP_STATUS_CREATED, registered == nullptr);
         WS_LOG("ERROR: socket has been closed\n");
@@ -166,14 +123,10 @@ int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
     }
     // Text semantics: nothing after the first zero byte is sent.
     const std::size_t length = std::min<std::size_t>(std::strlen(data), INT_MAX);
-    int32_t result = -1;
-    if (record->is_secure == 1)
-        result = SSL_write(ssl, data, static_cast<int>(length));
-    else
-        result = static_cast<int32_t>(send(record->sockfd, data, length, MSG_NOSIGNAL));  // no SIGPIPE
+    const auto result = static_cast<int32_t>(stream_write(record->sockfd, tls, data, length));
     if (result == -1) {
         WS_LOG("send fail return -1: %d -> %s\n", errno, std::strerror(errno));
-        report_and_close(L, record, std::strerror(errno), "send fail");
+        fail(L, record, std::strerror(errno), "send fail");
         return -1;
     }
     return result;
@@ -184,7 +137,7 @@ int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
 ssize_t safe_read(int fd, void* buffer, std::size_t length) {
     ssize_t result;
     do {
-        result = read(fd, buffer, length);
+        result = stream_read(fd, nullptr, buffer, length);
     } while (result < 0 && errno == EINTR);
     return result;
 }
@@ -230,7 +183,7 @@ void decode_chunked_response(char* received, std::size_t text_length) {
     if (get_head(text, &header_length) == 0)
         return;
     std::size_t body_length = 0;
-    de_chunked(text, buffers().body, &body_length);  // a partial decode is used as it stands
+    de_chunked(text, decoded_body, &body_length);  // a partial decode is used as it stands
     WS_LOG("-------de_chunked---------\n");
     if (body_length == 0)
         return;
@@ -239,7 +192,7 @@ void decode_chunked_response(char* received, std::size_t text_length) {
     if (header_length + 2 + body_length + 3 > TCP_RECV_BUFFER_SIZE)
         return;  // cannot happen: the decoded body is shorter than its encoding
     char* tail = received + header_length + 2;
-    std::memcpy(tail, buffers().body, body_length);
+    std::memcpy(tail, decoded_body, body_length);
     std::memcpy(tail + body_length, "\r\n", 3);
 }
 
@@ -248,16 +201,16 @@ void decode_chunked_response(char* received, std::size_t text_length) {
 int32_t tcp_recv(lua_State* L, int32_t fd, int* err) {
     get_udata_by_sockfd(L, fd);
     tcp_record* record = check_tcp_client(L, -1);
-    char* received = buffers().received;
+    char* received = received_text;
     int32_t result = 0;
     if (record->is_secure == 1) {
-        SSL* ssl = tls_session(*record);
-        if (ssl == nullptr) {  // released through another copy: closed
+        tls_session* tls = live_session(*record);
+        if (tls == nullptr) {  // released through another copy: closed
             errno = ENOTCONN;
             result = 0;
         } else {
             errno = 0;  // a stale EINTR/EAGAIN must not make a dead session look alive
-            result = SSL_read(ssl, received, static_cast<int>(TCP_RECV_BUFFER_SIZE - 1));
+            result = static_cast<int32_t>(stream_read(fd, tls, received, TCP_RECV_BUFFER_SIZE - 1));
         }
         received[result > 0 ? result : 0] = '\0';
     } else {

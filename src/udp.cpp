@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include "callbacks.h"
@@ -26,18 +25,11 @@ udp_record* udp_init(lua_State*, udp_record* record) {
     return record;
 }
 
-// The registered record's status; -1 when nothing usable is registered.
-static int32_t registered_status(lua_State* L) {
-    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
-        return -1;
-    return static_cast<const sock_header*>(lua_touserdata(L, -1))->status;
-}
-
 int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* ip, int32_t port) {
     WS_LOG("come in udp send\n");
     const int32_t fd = record->sockfd;
-    get_udata_by_sockfd(L, fd);  // stays on the stack
-    const int32_t registered = registered_status(L);
+    const sock_header* header = push_registered(L, fd);  // stays on the stack
+    const int32_t registered = header != nullptr ? header->status : -1;
     const bool missing = lua_type(L, -1) != LUA_TUSERDATA;
     if (record->status == UDP_STATUS_CREATED || registered == UDP_STATUS_CLOSED || missing) {
         closed_socket_callback(L, fd, record->status == UDP_STATUS_CREATED, missing);
@@ -56,17 +48,11 @@ int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* 
                                    sizeof address));
 }
 
-// One receive buffer for every UDP socket, allocated on first use. It has a
-// spare byte for the terminator, so only the received bytes are ever written.
-static char* receive_buffer() {
-    static char* buffer = static_cast<char*>(std::malloc(UDP_RECV_CAPACITY + 1));
-    return buffer;
-}
+// One receive buffer for every UDP socket. It has a spare byte for the
+// terminator, so only the received bytes are ever written.
+static char buffer[UDP_RECV_CAPACITY + 1];
 
 int udp_recv(lua_State* L, int32_t fd) {
-    char* buffer = receive_buffer();
-    if (buffer == nullptr)
-        return -1;
     sockaddr_in source{};
     socklen_t length = sizeof source;
     char from[INET_ADDRSTRLEN] = {};

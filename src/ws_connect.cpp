@@ -4,84 +4,69 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "callbacks.h"
+#include "fdset.h"
 #include "handshake.h"
 #include "luacli.h"
+#include "net.h"
+#include "tls_owner.h"
 #include "tools.h"
+#include "transport.h"
 
 #define LOG_UNIT "ws_connect"
 
 namespace {
-
-// The record's TLS session; null when it has none or another copy of the
-// record released it.
-SSL* session_of(const ws_record& ws) { return tls_session(ws); }
 
 // on_close needs the options table registered for the descriptor. A record
 // closed before has descriptor -1, for which none is registered: its close
 // is not reported instead of raising an indexing error.
 bool can_report_close(lua_State* L, int32_t fd) { return fd >= 0 && has_options_table(L, fd); }
 
-// The record registered for fd (pushed and left on the stack), null when
-// nothing usable is registered.
-const sock_header* push_registered(lua_State* L, int32_t fd) {
-    get_udata_by_sockfd(L, fd);
-    if (lua_type(L, -1) != LUA_TUSERDATA || lua_objlen(L, -1) < sizeof(sock_header))
-        return nullptr;
-    return static_cast<const sock_header*>(lua_touserdata(L, -1));
-}
-
 // The closed test shared by the send path and the close frame: a record
 // marked -1, a registered record that is missing or closed, or a secure
 // connection whose session is gone.
 bool is_closed(const ws_record& ws, const sock_header* registered) {
     return ws.status == -1 || registered == nullptr || registered->status == WS_STATUS_CLOSED ||
-           (ws.is_secure == 1 && session_of(ws) == nullptr);
+           (ws.is_secure == 1 && live_session(ws) == nullptr);
 }
 
-// One write of `size` bytes, through TLS on a secure connection.
-long write_once(const ws_record& ws, const uint8_t* bytes, uint32_t size) {
-    if (ws.is_secure == 1) {
-        SSL* ssl = session_of(ws);
-        if (ssl == nullptr) {
-            errno = EBADF;
-            return -1;
-        }
-        return SSL_write(ssl, bytes, static_cast<int>(size));
+// The session the record's stream goes through: null for a plain
+// connection; false (errno EBADF) for a secure one whose session is gone.
+bool stream_of(const ws_record& ws, tls_session** tls) {
+    *tls = ws.is_secure == 1 ? live_session(ws) : nullptr;
+    if (ws.is_secure == 1 && *tls == nullptr) {
+        errno = EBADF;
+        return false;
     }
-    return send(ws.sockfd, bytes, size, MSG_NOSIGNAL);  // a reset peer gives EPIPE, not a signal
+    return true;
 }
 
-// One read of at most `size` bytes; -1 for every failure. An empty room reads
-// as the end of the stream without a call.
+// One write of `size` bytes.
+long write_once(const ws_record& ws, const uint8_t* bytes, uint32_t size) {
+    tls_session* tls = nullptr;
+    return stream_of(ws, &tls) ? stream_write(ws.sockfd, tls, bytes, size) : -1;
+}
+
+// One read of at most `size` bytes; an empty room reads as the end of the
+// stream without a call. A TLS read starts from errno 0: a TLS failure that
+// is no system call's must not leave a stale EINTR/EAGAIN for the loop to
+// retry on.
 long read_once(const ws_record& ws, uint8_t* into, std::size_t size) {
     if (size == 0)
         return 0;
-    long got;
-    if (ws.is_secure == 1) {
-        SSL* ssl = session_of(ws);
-        if (ssl == nullptr) {
-            errno = EBADF;
-            return -1;
-        }
-        // A TLS failure that is not a system call's leaves errno alone; a
-        // stale EINTR/EAGAIN must not make the caller spin.
+    tls_session* tls = nullptr;
+    if (!stream_of(ws, &tls))
+        return -1;
+    if (tls != nullptr)
         errno = 0;
-        got = SSL_read(ssl, into, static_cast<int>(std::min<std::size_t>(size, 0x7fffffff)));
-    } else {
-        got = recv(ws.sockfd, into, size, 0);
-    }
-    return got < 0 ? -1 : got;
+    return stream_read(ws.sockfd, tls, into, size);
 }
 
 // Empty control frame (pong or close) answered once, result unchecked.
@@ -91,12 +76,9 @@ void send_empty_frame(const ws_record& ws, FrameType type) {
     write_once(ws, frame, size);
 }
 
-// ---- send buffer ----
+// ---- send ----
 
-uint8_t* send_buffer() {
-    static auto* buffer = static_cast<uint8_t*>(std::malloc(WS_FRAME_CAPACITY));
-    return buffer;
-}
+uint8_t send_frame[WS_FRAME_CAPACITY];
 
 void trace_frame(const uint8_t* frame, uint32_t size) {
     if (!debug_log_enabled())
@@ -107,37 +89,36 @@ void trace_frame(const uint8_t* frame, uint32_t size) {
         WS_LOG("buf[%d] is %2x\n", static_cast<int>(i), frame[i]);
 }
 
-// ---- receive buffers ----
+// ---- receive ----
 
 // on_message may run a loop of its own, whose receive path must not touch the
-// frames the outer call has yet to walk: one frame buffer per nesting level,
-// allocated on first use and kept. Each holds the capacity plus a zero byte
-// that is never overwritten, so string scans end inside it. Bytes from
-// `extent` on are zero; a call clears only what the previous one wrote.
+// frames the outer call has yet to walk: one frame buffer per nesting level.
+// Each holds the capacity plus a zero byte that is never overwritten, so
+// string scans end inside it. Bytes from `extent` on are zero; a call clears
+// only what the previous one wrote.
 constexpr int RECEIVE_LEVELS = 8;
 
 struct frame_buffer {
-    uint8_t* bytes;
+    uint8_t bytes[WS_FRAME_CAPACITY + 1];
     uint32_t extent;
 };
 frame_buffer frame_buffers[RECEIVE_LEVELS];
 int receive_depth = 0;
 
-frame_buffer* frame_buffer_for(int depth) {
-    if (depth < 0 || depth >= RECEIVE_LEVELS)
-        return nullptr;
-    frame_buffer& level = frame_buffers[depth];
-    if (level.bytes == nullptr)
-        level.bytes = static_cast<uint8_t*>(std::calloc(WS_FRAME_CAPACITY + 1, 1));
-    return level.bytes != nullptr ? &level : nullptr;
-}
-
-struct receive_call {
-    ws_record* ws;  // the registered record, anchored for the whole call
+// One receive call: what the loop passed in, and where the walk stands.
+struct frame_walk {
+    ws_record* ws;
     int32_t fd;
     int* err;
     frame_buffer* buffer;
     int result;
+    int32_t nread;
+    uint32_t total_len;
+    uint32_t offset_len;
+    uint32_t datasize;
+    uint32_t headerLength;
+    uint8_t* data;
+    FrameType type;
 };
 
 void note_written(frame_buffer& buffer, const uint8_t* end) {
@@ -156,109 +137,128 @@ void deliver_text(lua_State* L, int32_t fd, uint8_t* data, uint32_t datasize) {
     data[datasize] = kept;
 }
 
-int walk_frames(lua_State* L, receive_call& call) {
-    ws_record& ws = *call.ws;
-    frame_buffer& buffer = *call.buffer;
-    uint8_t* const frame = buffer.bytes;
-    std::memset(frame, 0, buffer.extent);  // every call starts on a zeroed buffer
-    buffer.extent = 0;
+// The steps of walk_frames log as walk_frames.
 
-    int32_t nread = 0;
-    uint32_t total_len = 0;
-    uint32_t offset_len = 0;
-    uint32_t datasize = 0;
-    uint32_t headerLength = 0;
-    uint8_t* data = nullptr;
-    FrameType type = WS_INCOMPLETE_FRAME;
+// A read at the end of what the walk holds. Bytes up to the first zero go
+// first: an earlier read's tail is overwritten.
+void read_frames(frame_walk& w) {
+    uint8_t* const frame = w.buffer->bytes;
+    std::memset(frame, 0, strnlen(reinterpret_cast<char*>(frame), WS_FRAME_CAPACITY));
+    WS_LOG_AS("walk_frames", w.ws->is_secure == 1 ? "recv with ssl\n" : "recv without ssl\n");
+    w.nread = static_cast<int32_t>(read_once(*w.ws, frame + w.total_len, WS_FRAME_CAPACITY - w.total_len));
+    *w.err = errno;
+    if (w.nread > 0)
+        note_written(*w.buffer, frame + w.total_len + w.nread);
+}
 
-    for (;;) {
-        if (offset_len == 0) {
-            // bytes up to the first zero go; an earlier read's tail is overwritten
-            std::memset(frame, 0, strnlen(reinterpret_cast<char*>(frame), WS_FRAME_CAPACITY));
-            WS_LOG(ws.is_secure == 1 ? "recv with ssl\n" : "recv without ssl\n");
-            nread = static_cast<int32_t>(read_once(ws, frame + total_len, WS_FRAME_CAPACITY - total_len));
-            *call.err = errno;
-            if (nread > 0)
-                note_written(buffer, frame + total_len + nread);
-        }
-        if (nread == -1 || nread == 0) {
-            WS_LOG("Recv tcp fram is empty\n");
-            return nread;
-        }
-        total_len += static_cast<uint32_t>(nread);  // also on passes without a read: counted again
+// The frame at offset_len, parsed as if total_len bytes followed it but never
+// past the buffer: a header cut there cannot be completed. False when the
+// walk ends here.
+bool parse_frame(frame_walk& w) {
+    if (w.offset_len >= WS_FRAME_CAPACITY)
+        return false;
+    const uint32_t available = std::min(w.total_len, WS_FRAME_CAPACITY - w.offset_len);
+    w.headerLength = 0;
+    w.type = wsParseInputFrame(w.buffer->bytes + w.offset_len, available, &w.data, &w.datasize, &w.headerLength);
+    if (w.type == WS_INCOMPLETE_FRAME && available < w.total_len) {
+        WS_LOG_AS("walk_frames", "frame header cut at the end of the buffer\n");
+        return false;
+    }
+    return true;
+}
 
-        // Parsed as if total_len bytes followed the frame, but never past the
-        // buffer: a header cut there cannot be completed.
-        if (offset_len >= WS_FRAME_CAPACITY)
-            break;
-        const uint32_t available = std::min(total_len, WS_FRAME_CAPACITY - offset_len);
-        headerLength = 0;
-        type = wsParseInputFrame(frame + offset_len, available, &data, &datasize, &headerLength);
-        if (type == WS_INCOMPLETE_FRAME && available < total_len) {
-            WS_LOG("frame header cut at the end of the buffer\n");
-            break;
+// A text is complete once its string length reaches datasize; a zero byte
+// inside it is overwritten by the next read. 1 when complete, otherwise the
+// walk's result (-1 failed, 0 end of stream).
+int complete_text(frame_walk& w) {
+    uint8_t* const end = w.buffer->bytes + WS_FRAME_CAPACITY;
+    uint32_t have = static_cast<uint32_t>(strnlen(reinterpret_cast<char*>(w.data), w.datasize));
+    while (have < w.datasize) {
+        WS_LOG_AS("walk_frames", "Errno: %d, Error str: %s\n", errno, std::strerror(errno));
+        uint8_t* at = w.data + have;
+        const long got = read_once(*w.ws, at, static_cast<std::size_t>(end - at));
+        w.nread = static_cast<int32_t>(got);
+        if (got == -1 && errno != EINTR && errno != EAGAIN) {
+            *w.err = errno;
+            return -1;
         }
-
-        // A text is complete once its string length reaches datasize; a zero
-        // byte inside it is overwritten by the next read.
-        if (type == WS_TEXT_FRAME) {
-            uint32_t have = static_cast<uint32_t>(strnlen(reinterpret_cast<char*>(data), datasize));
-            while (have < datasize) {
-                WS_LOG("Errno: %d, Error str: %s\n", errno, std::strerror(errno));
-                uint8_t* at = data + have;
-                const long got = read_once(ws, at, static_cast<std::size_t>(frame + WS_FRAME_CAPACITY - at));
-                nread = static_cast<int32_t>(got);
-                if (got == -1 && errno != EINTR && errno != EAGAIN) {
-                    *call.err = errno;
-                    return -1;
-                }
-                if (got == 0) {
-                    *call.err = errno;
-                    return 0;
-                }
-                if (got > 0) {
-                    note_written(buffer, at + got);
-                    have += static_cast<uint32_t>(strnlen(reinterpret_cast<char*>(at), datasize - have));
-                }
-            }
-        }
-
-        offset_len += datasize + headerLength;
-        WS_LOG("offset_len is %zu, receive data is %s, data type is %x\n", static_cast<std::size_t>(offset_len),
-               data != nullptr ? reinterpret_cast<char*>(data) : "", static_cast<unsigned>(type));
-
-        if (type == WS_TEXT_FRAME) {
-            WS_LOG("Type; WS_TEXT_FRAME\n");
-            deliver_text(L, call.fd, data, datasize);
-            if (ws.status == WS_STATUS_CLOSED) {
-                // on_message closed this connection: what is left of the read
-                // belongs to nobody, and the descriptor may be reused already
-                WS_LOG("closed from on_message, rest of the read dropped\n");
-                break;
-            }
-            if (offset_len >= static_cast<uint32_t>(nread))
-                break;
-            WS_LOG("\n\n\nincomplete fram, receive continue!\n\n\n");
-            type = WS_INCOMPLETE_FRAME;
-            continue;
-        }
-        if (type == WS_PING_FRAME) {
-            WS_LOG("Type: WS_PING_FRAME\n");
-            uint8_t reply[WS_MAX_FRAME_HEADER];
-            datasize = wsMakeFrameHeader(nullptr, 0, reply, WS_PONG_FRAME);  // the ping's payload is not echoed
-            WS_LOG("PONG datasize is %zu\n", static_cast<std::size_t>(datasize));
-            if (ws.is_secure != 1)
-                WS_LOG("Will send PONG\n");
-            write_once(ws, reply, datasize);
-            break;  // frames after the ping are dropped
-        }
-        if (type == WS_CLOSING_FRAME) {
-            WS_LOG("Type: WS_CLOSING_FRAME\n");
-            WS_LOG("Will send close\n");
-            send_empty_frame(ws, WS_CLOSING_FRAME);
+        if (got == 0) {
+            *w.err = errno;
             return 0;
         }
-        if (type == WS_INCOMPLETE_FRAME) {
+        if (got > 0) {
+            note_written(*w.buffer, at + got);
+            have += static_cast<uint32_t>(strnlen(reinterpret_cast<char*>(at), w.datasize - have));
+        }
+    }
+    return 1;
+}
+
+// Hands a text to on_message; true when the walk goes on with the next frame.
+bool text_delivered_go_on(lua_State* L, frame_walk& w) {
+    WS_LOG_AS("walk_frames", "Type; WS_TEXT_FRAME\n");
+    deliver_text(L, w.fd, w.data, w.datasize);
+    if (w.ws->status == WS_STATUS_CLOSED) {
+        // on_message closed this connection: what is left of the read
+        // belongs to nobody, and the descriptor may be reused already
+        WS_LOG_AS("walk_frames", "closed from on_message, rest of the read dropped\n");
+        return false;
+    }
+    if (w.offset_len >= static_cast<uint32_t>(w.nread))
+        return false;
+    WS_LOG_AS("walk_frames", "\n\n\nincomplete fram, receive continue!\n\n\n");
+    w.type = WS_INCOMPLETE_FRAME;
+    return true;
+}
+
+// An empty pong: the ping's payload is not echoed.
+void answer_ping(frame_walk& w) {
+    WS_LOG_AS("walk_frames", "Type: WS_PING_FRAME\n");
+    uint8_t reply[WS_MAX_FRAME_HEADER];
+    w.datasize = wsMakeFrameHeader(nullptr, 0, reply, WS_PONG_FRAME);
+    WS_LOG_AS("walk_frames", "PONG datasize is %zu\n", static_cast<std::size_t>(w.datasize));
+    if (w.ws->is_secure != 1)
+        WS_LOG_AS("walk_frames", "Will send PONG\n");
+    write_once(*w.ws, reply, w.datasize);
+}
+
+int walk_frames(lua_State* L, frame_walk& w) {
+    std::memset(w.buffer->bytes, 0, w.buffer->extent);  // every call starts on a zeroed buffer
+    w.buffer->extent = 0;
+    for (;;) {
+        if (w.offset_len == 0)
+            read_frames(w);
+        if (w.nread == -1 || w.nread == 0) {
+            WS_LOG("Recv tcp fram is empty\n");
+            return w.nread;
+        }
+        w.total_len += static_cast<uint32_t>(w.nread);  // also on passes without a read: counted again
+        if (!parse_frame(w))
+            break;
+        if (w.type == WS_TEXT_FRAME) {
+            const int complete = complete_text(w);
+            if (complete != 1)
+                return complete;
+        }
+        w.offset_len += w.datasize + w.headerLength;
+        WS_LOG("offset_len is %zu, receive data is %s, data type is %x\n", static_cast<std::size_t>(w.offset_len),
+               w.data != nullptr ? reinterpret_cast<char*>(w.data) : "", static_cast<unsigned>(w.type));
+        if (w.type == WS_TEXT_FRAME) {
+            if (text_delivered_go_on(L, w))
+                continue;
+            break;
+        }
+        if (w.type == WS_PING_FRAME) {
+            answer_ping(w);
+            break;  // frames after the ping are dropped
+        }
+        if (w.type == WS_CLOSING_FRAME) {
+            WS_LOG("Type: WS_CLOSING_FRAME\n");
+            WS_LOG("Will send close\n");
+            send_empty_frame(*w.ws, WS_CLOSING_FRAME);
+            return 0;
+        }
+        if (w.type == WS_INCOMPLETE_FRAME) {
             WS_LOG("Type: WS_INCOMPLETE_FRAME\n");
             continue;
         }
@@ -266,14 +266,30 @@ int walk_frames(lua_State* L, receive_call& call) {
         break;
     }
     WS_LOG("<<<<<<<< received <<<<<<<<<\n");
-    return nread;
+    return w.nread;
 }
 
+// The walk's own frame: the record's object (argument 1) stays on its stack
+// for the whole walk; the call is argument 2.
 int walk_frames_protected(lua_State* L) {
-    auto& call = *static_cast<receive_call*>(lua_touserdata(L, 1));
-    lua_settop(L, 0);
-    call.result = walk_frames(L, call);
+    auto& walk = *static_cast<frame_walk*>(lua_touserdata(L, 2));
+    walk.result = walk_frames(L, walk);
     return 0;
+}
+
+// Its address names the registry slot of the walk's cached closure.
+char walker_key;
+
+void push_walker(lua_State* L) {
+    lua_pushlightuserdata(L, &walker_key);
+    lua_rawget(L, LUA_REGISTRYINDEX);
+    if (lua_type(L, -1) == LUA_TFUNCTION)
+        return;
+    lua_pop(L, 1);
+    lua_pushcfunction(L, walk_frames_protected);
+    lua_pushlightuserdata(L, &walker_key);
+    lua_pushvalue(L, -2);
+    lua_rawset(L, LUA_REGISTRYINDEX);
 }
 
 // ---- connect ----
@@ -281,12 +297,7 @@ int walk_frames_protected(lua_State* L) {
 // on_error(errno, message), then the close with `reason` (null: the text of
 // errno as on_error left it). -1 for the caller to return.
 int fail_connect(lua_State* L, ws_record* ws, const char* message, const char* reason) {
-    char message_copy[256];
-    std::snprintf(message_copy, sizeof message_copy, "%s", message);
-    error_callback(L, ws->sockfd, errno, message_copy);
-    char reason_copy[256];
-    std::snprintf(reason_copy, sizeof reason_copy, "%s", reason != nullptr ? reason : std::strerror(errno));
-    ws_do_close(L, ws, reason_copy);
+    report_and_close(L, ws->sockfd, message, reason, [&](const char* text) { ws_do_close(L, ws, text); });
     return -1;
 }
 
@@ -391,14 +402,13 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
             WS_LOG("close %d: %s\n", ws->sockfd, std::strerror(errno));
         ws_udata_close(L, ws->sockfd);
     }
-    // Nothing allocates between on_close's stack clear and the write below,
-    // so the caller's reference keeps the record valid.
+    // The caller keeps the object on its stack (callbacks.cpp).
     if (can_report_close(L, ws->sockfd))
         close_callback(L, ws->sockfd, reason);
     ws->sockfd = -1;
 }
 
-int ws_send(lua_State* L, ws_record* ws, const char* data) {
+int ws_send(lua_State* L, ws_record* ws, const char* data, std::size_t length) {
     WS_LOG(">>> send <<<\n");
     tls_settle_stale_copy(*ws);
     const int32_t fd = ws->sockfd;
@@ -408,15 +418,8 @@ int ws_send(lua_State* L, ws_record* ws, const char* data) {
         WS_LOG("ERROR: socket has been closed\n");
         return -1;
     }
-    const std::size_t length = std::strlen(data);
     if (length > WS_MAX_TEXT_LENGTH) {
         WS_LOG("text of %zu bytes does not fit one frame\n", length);
-        return -1;
-    }
-    uint8_t* frame = send_buffer();
-    if (frame == nullptr) {
-        errno = ENOMEM;
-        error_callback(L, fd, errno, std::strerror(errno));
         return -1;
     }
 
@@ -424,11 +427,9 @@ int ws_send(lua_State* L, ws_record* ws, const char* data) {
     const int ready = select_single(fd, wait_for::write, &no_wait);
     if (ready == -1) {
         const int error = errno;
-        char text[128];
-        std::snprintf(text, sizeof text, "%s", std::strerror(error));
-        WS_LOG("Send select error %d: %s\n", error, text);
-        error_callback(L, fd, error, text);
-        do_close(L, fd, text);
+        WS_LOG("Send select error %d: %s\n", error, std::strerror(error));
+        report_and_close(L, fd, std::strerror(error), std::strerror(error),
+                         [&](const char* text) { do_close(L, fd, text); });
         WS_LOG("<<<<<< Send fail -1 >>>>>>\n");
         WS_LOG("Main return -1\n");
         return -1;
@@ -442,23 +443,21 @@ int ws_send(lua_State* L, ws_record* ws, const char* data) {
     const auto* payload = reinterpret_cast<const uint8_t*>(data);
     const auto payload_length = static_cast<uint32_t>(length);
     WS_LOG("data length is %u\n", payload_length);
-    const uint32_t header = wsMakeFrameHeader(payload, payload_length, frame, WS_TEXT_FRAME);
-    wsMaskPayload(frame + header, payload, payload_length, frame + header - WS_MASK_KEY_SIZE);
+    const uint32_t header = wsMakeFrameHeader(payload, payload_length, send_frame, WS_TEXT_FRAME);
+    wsMaskPayload(send_frame + header, payload, payload_length, send_frame + header - WS_MASK_KEY_SIZE);
     const uint32_t framesize = header + payload_length;
     WS_LOG("frame size is %u, header %u\n", framesize, header);
-    trace_frame(frame, framesize);
+    trace_frame(send_frame, framesize);
 
     WS_LOG("will send buf\n");
-    const long sent = write_once(*ws, frame, framesize);  // once: a short write is not completed
+    const long sent = write_once(*ws, send_frame, framesize);  // once: a short write is not completed
     WS_LOG("Send framsize is %zu\n", static_cast<std::size_t>(framesize));
     WS_LOG("Send len is %d\n", static_cast<int>(sent));
     if (sent == -1) {
         const int error = errno;
-        char text[128];
-        std::snprintf(text, sizeof text, "%s", std::strerror(error));
-        WS_LOG("send fail return -1: %d -> %s\n", error, text);
-        error_callback(L, fd, error, text);
-        do_close(L, fd, text);
+        WS_LOG("send fail return -1: %d -> %s\n", error, std::strerror(error));
+        report_and_close(L, fd, std::strerror(error), std::strerror(error),
+                         [&](const char* text) { do_close(L, fd, text); });
     }
     WS_LOG("<<<<<< Send success >>>>>>\n");
     return static_cast<int>(length);
@@ -479,26 +478,26 @@ void ws_send_close(lua_State* L, ws_record* ws) {
     send_empty_frame(*ws, WS_CLOSING_FRAME);  // the server's answer is not awaited
 }
 
-int ws_recv(lua_State* L, int32_t fd, char*, int* err) {
+int ws_recv(lua_State* L, int32_t fd, int* err) {
     get_udata_by_sockfd(L, fd);
     stackDump(L);
     ws_record* ws = check_ws_client(L, lua_gettop(L));
     WS_LOG("ws->sockfd %d\n", ws->sockfd);
-    frame_buffer* buffer = frame_buffer_for(receive_depth);
-    if (buffer == nullptr) {
+    if (receive_depth >= RECEIVE_LEVELS) {
         WS_LOG("no receive buffer at depth %d\n", receive_depth);
         *err = ENOMEM;
         return -1;
     }
-    // The walk runs in a protected call of its own: on_message empties only
-    // that call's stack, so the object stays on this one and keeps the record
-    // alive even when the script closes and reconnects (which replaces the
-    // registry entry); and a raising lookup cannot leave the depth behind.
-    receive_call call{ws, fd, err, buffer, 0};
+    // The walk runs in a protected call of its own, with the object moved
+    // onto its stack: a raising callback lookup cannot leave the depth behind.
+    frame_walk walk{ws, fd, err, &frame_buffers[receive_depth], 0, 0, 0, 0, 0, 0, nullptr, WS_INCOMPLETE_FRAME};
+    push_walker(L);
+    lua_insert(L, -2);
+    lua_pushlightuserdata(L, &walk);
     const int depth = receive_depth++;
-    const int status = lua_cpcall(L, walk_frames_protected, &call);
+    const int status = lua_pcall(L, 2, 0, 0);
     receive_depth = depth;
     if (status != 0)
         lua_error(L);  // the lookup's error, passed on
-    return call.result;
+    return walk.result;
 }

@@ -13,6 +13,8 @@
 
 #include "luacli.h"
 #include "peers/peer.h"
+#include "net.h"
+#include "tls_owner.h"
 #include "tools.h"
 
 using ::testing::HasSubstr;

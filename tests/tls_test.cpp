@@ -1,6 +1,5 @@
 // TLS set-up and the TLS TCP client against `openssl s_server`, and the
 // ownership of TLS handles shared by byte-for-byte copies of a record.
-#include <openssl/ssl.h>
 #include <signal.h>
 
 #include <memory>
@@ -132,17 +131,17 @@ TEST_F(TlsTest, CopiesShareOneSessionFreedOnceAndLeaveAReusedDescriptorAlone) {
 // A copy whose serial was retired never sees the freed session again; serials
 // are not reused, and a second release frees nothing (ASan).
 TEST(TlsOwnership, RetiredSerialHidesTheSessionAndSettlesTheCopy) {
-    SSL_CTX* ctx = SSL_CTX_new(TLS_method());
+    tls_context* ctx = tls_context_new();
     ASSERT_NE(ctx, nullptr);
     tcp_record stale{};
     stale.sockfd = 42;
     stale.tls_serial = tls_adopt(ctx);
-    stale.ssl = SSL_new(ctx);
+    stale.ssl = tls_session_new(ctx);
     tls_adopt_session(stale.tls_serial, stale.ssl);
     tls_release(stale.tls_serial);
     tls_release(stale.tls_serial);
-    EXPECT_EQ(tls_session(stale), nullptr);  // stale.ssl dangles on purpose
-    const uint64_t next = tls_adopt(SSL_CTX_new(TLS_method()));
+    EXPECT_EQ(live_session(stale), nullptr);  // stale.ssl dangles on purpose
+    const uint64_t next = tls_adopt(tls_context_new());
     EXPECT_GT(next, stale.tls_serial);
     tls_release(next);
     EXPECT_TRUE(tls_settle_stale_copy(stale));

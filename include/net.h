@@ -1,0 +1,31 @@
+// Socket helpers and the WebSocket URL split. Lua-free.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <span>
+
+// Resolves `host` to dotted IPv4 text in `ip`; null when the name does not
+// resolve or the text does not fit (16 characters always do).
+char* get_ip(const char* host, std::span<char> ip);
+
+// O_NONBLOCK on / off; 0, or -1 ("fcntl error" in the log).
+int set_nonblocking(int fd);
+int deactivate_nonblock(int fd);
+
+// connect() that gives up after timeout_sec seconds (0: plain connect on the
+// descriptor as it is). 0 connected, -1 failed with errno telling why
+// (ETIMEDOUT on time-out). The blocking mode is restored on every path.
+int connect_timeout(int fd, const sockaddr_in* address, int32_t timeout_sec);
+
+// 1 for a "wss" prefix, 0 for "ws", -1 otherwise (exact case; nothing after
+// the prefix is looked at).
+int is_secure(const char* url);
+
+// Cuts `url` in place at every "/" (empty pieces vanish): the first piece is
+// the scheme, the second the host (":port" and all, copied whole), every
+// further piece is appended to `path` as "/piece". Both outputs are
+// overwritten. 0, or -1 when there is no host piece or an output is too
+// small (host and path are empty then).
+int get_host_path(char* url, std::span<char> host, std::span<char> path);

@@ -1,0 +1,44 @@
+// The TLS operations the module uses, as one seam: the units call only these,
+// and one unit implements them over a TLS library (src/tls_openssl.cpp).
+// No library type appears outside that unit. Client side only; no peer
+// verification, no server name. Lua-free.
+#pragma once
+
+#include <cstddef>
+
+struct tls_context;  // client configuration shared by the sessions made on it
+struct tls_session;  // one connection's TLS state
+
+// Library set-up (repeated on every call; cheap once done) and a new client
+// context. Null on failure.
+tls_context* tls_context_new();
+// The client certificate chain / the private key (PEM files) for the
+// context's sessions; 0, or -1 when the file does not load.
+int tls_context_use_chain(tls_context* context, const char* chain_file);
+int tls_context_use_key(tls_context* context, const char* key_file);
+void tls_context_free(tls_context* context);
+
+// A session on the context; null on failure.
+tls_session* tls_session_new(tls_context* context);
+// Binds the session to a connected descriptor through a socket layer whose
+// writes never raise SIGPIPE (a reset peer gives EPIPE); the process's signal
+// disposition is left alone. 0 or -1.
+int tls_session_bind(tls_session* session, int fd);
+// The client handshake on the (blocking) descriptor; 0 or -1.
+int tls_session_connect(tls_session* session);
+// Frees the session. No close-notify is sent: the peer learns from the
+// descriptor, which the caller closes.
+void tls_session_free(tls_session* session);
+
+// One read / one write of at most `size` bytes (clamped to INT_MAX): the
+// count, 0 at the end of the stream, -1 on failure. The library's error
+// queue is cleared before each call; errno is left as the underlying system
+// calls left it (a failure that is no system call's leaves it alone).
+long tls_read(tls_session* session, void* into, std::size_t size);
+long tls_write(tls_session* session, const void* bytes, std::size_t size);
+// Decrypted bytes a read would return without touching the descriptor.
+std::size_t tls_pending(const tls_session* session);
+
+// The library's text for the most recent failure of the calls above (for
+// the debug log); "" when there was none.
+const char* tls_error_text();

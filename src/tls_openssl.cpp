@@ -1,0 +1,174 @@
+// The TLS seam over OpenSSL. The only unit that sees OpenSSL's types: a
+// tls_context is an SSL_CTX, a tls_session an SSL.
+#include "tls.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+
+#ifdef lua_h
+#error "the TLS layer must stay free of the interpreter"
+#endif
+
+namespace {
+
+SSL_CTX* ctx_of(tls_context* context) { return reinterpret_cast<SSL_CTX*>(context); }
+SSL* ssl_of(tls_session* session) { return reinterpret_cast<SSL*>(session); }
+const SSL* ssl_of(const tls_session* session) { return reinterpret_cast<const SSL*>(session); }
+
+int clamp(std::size_t size) { return size > INT_MAX ? INT_MAX : static_cast<int>(size); }
+
+char last_error[256] = "";
+
+// Keeps the text of the failure just seen and empties the queue, which
+// nothing else reads: it must not pile up.
+void note_failure() {
+    const unsigned long code = ERR_peek_last_error();
+    if (code != 0)
+        ERR_error_string_n(code, last_error, sizeof last_error);
+    else
+        last_error[0] = '\0';
+    ERR_clear_error();
+}
+
+// ---- socket layer without SIGPIPE ----
+// Writes go through send(MSG_NOSIGNAL) so that a reset peer yields EPIPE on
+// the write instead of a signal that would kill the host process.
+
+int bio_descriptor(BIO* bio) { return static_cast<int>(reinterpret_cast<intptr_t>(BIO_get_data(bio))); }
+
+int nosignal_write(BIO* bio, const char* data, int length) {
+    const ssize_t written = send(bio_descriptor(bio), data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+    BIO_clear_retry_flags(bio);
+    if (written < 0 && BIO_sock_should_retry(-1))
+        BIO_set_retry_write(bio);
+    return static_cast<int>(written);
+}
+
+int socket_read(BIO* bio, char* out, int length) {
+    const ssize_t got = recv(bio_descriptor(bio), out, static_cast<std::size_t>(length), 0);
+    BIO_clear_retry_flags(bio);
+    if (got == 0)
+        BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+    else if (got < 0 && BIO_sock_should_retry(-1))
+        BIO_set_retry_read(bio);
+    return static_cast<int>(got);
+}
+
+int socket_puts(BIO* bio, const char* text) { return nosignal_write(bio, text, static_cast<int>(std::strlen(text))); }
+
+long socket_ctrl(BIO* bio, int command, long, void* out) {
+    switch (command) {
+    case BIO_C_GET_FD:
+        if (out != nullptr)
+            *static_cast<int*>(out) = bio_descriptor(bio);
+        return bio_descriptor(bio);
+    case BIO_CTRL_FLUSH:
+        return 1;
+    case BIO_CTRL_EOF:
+        return BIO_test_flags(bio, BIO_FLAGS_IN_EOF) != 0 ? 1 : 0;
+    default:
+        return 0;
+    }
+}
+
+// Made on first use and kept for the life of the process.
+BIO_METHOD* nosignal_method = nullptr;
+
+const BIO_METHOD* nosignal_socket_method() {
+    if (nosignal_method != nullptr)
+        return nosignal_method;
+    BIO_METHOD* made =
+        BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK | BIO_TYPE_DESCRIPTOR, "socket without SIGPIPE");
+    if (made != nullptr &&
+        (BIO_meth_set_write(made, nosignal_write) != 1 || BIO_meth_set_read(made, socket_read) != 1 ||
+         BIO_meth_set_puts(made, socket_puts) != 1 || BIO_meth_set_ctrl(made, socket_ctrl) != 1)) {
+        BIO_meth_free(made);
+        made = nullptr;
+    }
+    nosignal_method = made;
+    return made;
+}
+
+}  // namespace
+
+tls_context* tls_context_new() {
+    SSL_library_init();
+    OPENSSL_add_all_algorithms_noconf();
+    SSL_load_error_strings();
+    SSL_CTX* ctx = SSL_CTX_new(SSLv23_method());
+    if (ctx == nullptr)
+        note_failure();
+    return reinterpret_cast<tls_context*>(ctx);
+}
+
+int tls_context_use_chain(tls_context* context, const char* chain_file) {
+    if (SSL_CTX_use_certificate_chain_file(ctx_of(context), chain_file) == 1)
+        return 0;
+    note_failure();
+    return -1;
+}
+
+int tls_context_use_key(tls_context* context, const char* key_file) {
+    if (SSL_CTX_use_PrivateKey_file(ctx_of(context), key_file, SSL_FILETYPE_PEM) == 1)
+        return 0;
+    note_failure();
+    return -1;
+}
+
+void tls_context_free(tls_context* context) { SSL_CTX_free(ctx_of(context)); }
+
+tls_session* tls_session_new(tls_context* context) {
+    SSL* ssl = SSL_new(ctx_of(context));
+    if (ssl == nullptr)
+        note_failure();
+    return reinterpret_cast<tls_session*>(ssl);
+}
+
+int tls_session_bind(tls_session* session, int fd) {
+    const BIO_METHOD* method = nosignal_socket_method();
+    BIO* bio = method != nullptr ? BIO_new(method) : nullptr;
+    if (bio == nullptr) {
+        note_failure();
+        return -1;
+    }
+    BIO_set_data(bio, reinterpret_cast<void*>(static_cast<intptr_t>(fd)));
+    BIO_set_init(bio, 1);
+    SSL_set_bio(ssl_of(session), bio, bio);  // one reference, owned by the session
+    return 0;
+}
+
+int tls_session_connect(tls_session* session) {
+    ERR_clear_error();
+    if (SSL_connect(ssl_of(session)) > 0)  // blocking: waits for the whole handshake
+        return 0;
+    note_failure();
+    return -1;
+}
+
+void tls_session_free(tls_session* session) { SSL_free(ssl_of(session)); }
+
+long tls_read(tls_session* session, void* into, std::size_t size) {
+    ERR_clear_error();
+    const int got = SSL_read(ssl_of(session), into, clamp(size));
+    return got < 0 ? -1 : got;
+}
+
+long tls_write(tls_session* session, const void* bytes, std::size_t size) {
+    ERR_clear_error();
+    const int written = SSL_write(ssl_of(session), bytes, clamp(size));
+    return written < 0 ? -1 : written;
+}
+
+std::size_t tls_pending(const tls_session* session) {
+    const int pending = SSL_pending(ssl_of(session));
+    return pending > 0 ? static_cast<std::size_t>(pending) : 0;
+}
+
+const char* tls_error_text() { return last_error; }
