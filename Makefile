@@ -7,7 +7,11 @@ BENCH_BUILD ?= build-bench
 LUAJIT_BUILD ?= build-luajit
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench footprint clean
+# The other TLS libraries the module can be built on (-DWS_CLIENT_TLS=...);
+# OpenSSL is the default.
+OTHER_TLS  ?= mbedtls wolfssl
+
+.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz test-tls bench footprint clean
 
 deps:
 	@scripts/deps.sh
@@ -47,7 +51,17 @@ test-fuzz: deps
 	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
 	else echo "clang++ not found: fuzz targets not run"; fi
 
-test: test-plain test-asan test-luajit test-fuzz
+# The TLS and WebSocket tests, the examples and the demo on each other TLS
+# library, one build each in build-tls-NAME.
+test-tls: deps
+	@for tls in $(OTHER_TLS); do \
+	  echo "== TLS library: $$tls"; \
+	  cmake -S . -B build-tls-$$tls -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TLS=$$tls && \
+	  cmake --build build-tls-$$tls -j $(JOBS) && \
+	  ctest --test-dir build-tls-$$tls --output-on-failure -j $(JOBS) -R 'Tls|Ws|Handshake|examples' || exit 1; \
+	done
+
+test: test-plain test-asan test-luajit test-fuzz test-tls
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
@@ -57,14 +71,18 @@ bench: deps
 	$(BENCH_BUILD)/bench/chunked_bench
 	$(BENCH_BUILD)/bench/tcp_roundtrip_bench
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
-	bench/footprint.sh lua5.1 $(BENCH_BUILD)
+	bench/footprint.sh lua5.1 $(BENCH_BUILD) openssl
 
 # Resident memory per connection kind, the module's size and the wss round
-# trip rate, against the local peer (bench/footprint.sh).
+# trip rate against the local peer (bench/footprint.sh), for the module on
+# each TLS library (optimised builds in build-footprint-NAME).
 footprint: deps
-	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
-	cmake --build $(BENCH_BUILD) -j $(JOBS) --target ws_client
-	bench/footprint.sh lua5.1 $(BENCH_BUILD)
+	@for tls in openssl $(OTHER_TLS); do \
+	  cmake -S . -B build-footprint-$$tls -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF \
+	    -DWS_CLIENT_SCRIPT_TESTS=OFF -DWS_CLIENT_TLS=$$tls >/dev/null && \
+	  cmake --build build-footprint-$$tls -j $(JOBS) --target ws_client >/dev/null && \
+	  bench/footprint.sh lua5.1 build-footprint-$$tls $$tls || exit 1; \
+	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD) build-tls-* build-footprint-*

@@ -7,6 +7,7 @@ packages=(
   cmake make g++ pkg-config
   lua5.1 liblua5.1-0-dev luajit libluajit-5.1-dev
   libssl-dev openssl
+  libmbedtls-dev libwolfssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   python3 python3-websockets
