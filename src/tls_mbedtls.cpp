@@ -13,6 +13,7 @@
 #include <mbedtls/ssl.h>
 #include <mbedtls/x509_crt.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -53,28 +54,40 @@ void note_failure(int code) {
 
 // One random generator for every context, seeded on first use and kept for
 // the life of the process: per-connection entropy state would cost memory
-// for nothing (the module runs on one thread).
+// for nothing (the module runs on one thread). A forked child reseeds, so
+// that parent and child never draw the same numbers; a failed seeding is
+// tried again with the next context.
 struct random_source {
     mbedtls_entropy_context entropy;
     mbedtls_ctr_drbg_context drbg;
-    bool ready;
+    pid_t seeded_in;  // 0: not seeded
 };
 random_source* shared_random = nullptr;
 
 mbedtls_ctr_drbg_context* random_generator() {
-    if (shared_random != nullptr)
-        return shared_random->ready ? &shared_random->drbg : nullptr;
-    shared_random = static_cast<random_source*>(std::calloc(1, sizeof(random_source)));
-    if (shared_random == nullptr)
-        return nullptr;
-    mbedtls_entropy_init(&shared_random->entropy);
-    mbedtls_ctr_drbg_init(&shared_random->drbg);
+    if (shared_random == nullptr) {
+        shared_random = static_cast<random_source*>(std::calloc(1, sizeof(random_source)));
+        if (shared_random == nullptr) {
+            note_failure(MBEDTLS_ERR_SSL_ALLOC_FAILED);
+            return nullptr;
+        }
+        mbedtls_entropy_init(&shared_random->entropy);
+        mbedtls_ctr_drbg_init(&shared_random->drbg);
+    }
+    const pid_t self = getpid();
+    if (shared_random->seeded_in == self)
+        return &shared_random->drbg;
     static const unsigned char personal[] = "ws_client";
-    const int seeded = mbedtls_ctr_drbg_seed(&shared_random->drbg, mbedtls_entropy_func, &shared_random->entropy,
-                                             personal, sizeof personal - 1);
-    note_failure(seeded);
-    shared_random->ready = seeded == 0;
-    return shared_random->ready ? &shared_random->drbg : nullptr;
+    const int seeded = shared_random->seeded_in == 0
+                           ? mbedtls_ctr_drbg_seed(&shared_random->drbg, mbedtls_entropy_func,
+                                                   &shared_random->entropy, personal, sizeof personal - 1)
+                           : mbedtls_ctr_drbg_reseed(&shared_random->drbg, nullptr, 0);
+    if (seeded != 0) {
+        note_failure(seeded);
+        return nullptr;
+    }
+    shared_random->seeded_in = self;
+    return &shared_random->drbg;
 }
 
 // ---- socket layer without SIGPIPE ----
