@@ -7,8 +7,11 @@ BENCH_BUILD ?= build-bench
 JOBS       ?= $(shell nproc)
 
 LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
+# The other TLS libraries the module can be built on (-DWS_CLIENT_TLS=...);
+# OpenSSL is the default.
+OTHER_TLS  ?= mbedtls wolfssl
 
-.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz bench dist clean
+.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls bench footprint dist clean
 
 deps:
 	@scripts/deps.sh
@@ -56,7 +59,17 @@ test-fuzz: deps
 	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
 	else echo "clang++ not found: fuzz targets not run"; fi
 
-test: test-plain test-asan $(LUA_LEGS) test-fuzz
+# The TLS and WebSocket tests, the examples and the demo on each other TLS
+# library, one build each in build-tls-NAME.
+test-tls: deps
+	@for tls in $(OTHER_TLS); do \
+	  echo "== TLS library: $$tls"; \
+	  cmake -S . -B build-tls-$$tls -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TLS=$$tls && \
+	  cmake --build build-tls-$$tls -j $(JOBS) && \
+	  ctest --test-dir build-tls-$$tls --output-on-failure -j $(JOBS) -R 'Tls|Ws|Handshake|examples' || exit 1; \
+	done
+
+test: test-plain test-asan $(LUA_LEGS) test-fuzz test-tls
 
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
@@ -73,6 +86,18 @@ bench: deps
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so" LUA_PATH="$(CURDIR)/src/?.lua;;" \
 	  scripts/with_peer.sh -- lua5.1 bench/easy_roundtrip.lua
+	bench/footprint.sh lua5.1 $(BENCH_BUILD) openssl
+
+# Resident memory per connection kind, the module's size and the wss round
+# trip rate against the local peer (bench/footprint.sh), for the module on
+# each TLS library (optimised builds in build-footprint-NAME).
+footprint: deps
+	@for tls in openssl $(OTHER_TLS); do \
+	  cmake -S . -B build-footprint-$$tls -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF \
+	    -DWS_CLIENT_SCRIPT_TESTS=OFF -DWS_CLIENT_TLS=$$tls >/dev/null && \
+	  cmake --build build-footprint-$$tls -j $(JOBS) --target ws_client >/dev/null && \
+	  bench/footprint.sh lua5.1 build-footprint-$$tls $$tls || exit 1; \
+	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-*

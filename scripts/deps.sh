@@ -14,6 +14,7 @@ demo_packages=(
 # `make test` adds the other interpreters, the test and fuzzing tools, luarocks.
 packages=(
   lua5.2 liblua5.2-dev lua5.3 liblua5.3-dev lua5.4 liblua5.4-dev luajit libluajit-5.1-dev
+  libmbedtls-dev libwolfssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   luarocks

@@ -1,36 +1,39 @@
 #!/usr/bin/env bash
 # Runs a command against a fresh local default peer (tools/peer.py):
 #
-#   scripts/with_peer.sh [-c CERT_DIR] [-l PEER_LOG] [-t PEER_LIFETIME] -- COMMAND [ARGS...]
+#   scripts/with_peer.sh [-c CERT_DIR] [-l PEER_LOG] [-t PEER_LIFETIME] [-i IDLE] -- COMMAND [ARGS...]
 #
 # The peer binds 127.0.0.1 on ports the system picks; its PEER_* settings are
 # exported to the command. The peer is stopped when the command ends (and
 # stops by itself after PEER_LIFETIME seconds, default 300, whatever happens
-# here). Exits with the command's status.
+# here). IDLE: seconds of silence after which the peer's TCP and TLS echoes
+# close (its default otherwise). Exits with the command's status.
 set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cert_dir=""
 peer_log=""
 lifetime=300
-while getopts "c:l:t:" option; do
+idle=()
+while getopts "c:l:t:i:" option; do
   case "$option" in
     c) cert_dir="$OPTARG" ;;
     l) peer_log="$OPTARG" ;;
     t) lifetime="$OPTARG" ;;
+    i) idle=(--idle "$OPTARG") ;;
     *) exit 2 ;;
   esac
 done
 shift $((OPTIND - 1))
 [ "${1:-}" = "--" ] && shift
-[ $# -gt 0 ] || { echo "usage: $0 [-c CERT_DIR] [-l PEER_LOG] [-t SECONDS] -- COMMAND..." >&2; exit 2; }
+[ $# -gt 0 ] || { echo "usage: $0 [-c CERT_DIR] [-l PEER_LOG] [-t SECONDS] [-i IDLE] -- COMMAND..." >&2; exit 2; }
 
 work="$(mktemp -d)"
 [ -n "$cert_dir" ] || cert_dir="$work/certs"
 [ -n "$peer_log" ] || peer_log="$work/peer.log"
 
 # Debian's interpreter: the one that has python3-websockets.
-/usr/bin/python3 "$here/tools/peer.py" --any-port --lifetime "$lifetime" --cert-dir "$cert_dir" \
+/usr/bin/python3 "$here/tools/peer.py" --any-port --lifetime "$lifetime" ${idle[@]+"${idle[@]}"} --cert-dir "$cert_dir" \
   --env-file "$work/peer.env" >"$work/peer.out" 2>"$peer_log" &
 peer=$!
 child=""

@@ -1,0 +1,244 @@
+// The TLS seam over wolfSSL's own interface. The only unit that sees
+// wolfSSL's types: a tls_context is a WOLFSSL_CTX, a tls_session a WOLFSSL
+// with its descriptor.
+// Results and errno follow the seam's contract as the OpenSSL unit gives it,
+// so that the callers see the same counts, ends of stream and error numbers
+// whichever library is in.
+#include "tls.h"
+
+#include <wolfssl/options.h>  // first: the library's build settings
+#include <wolfssl/openssl/evp.h>
+#include <wolfssl/ssl.h>
+#include <wolfssl/wolfio.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#ifdef lua_h
+#error "the TLS layer must stay free of the interpreter"
+#endif
+
+struct tls_session {
+    WOLFSSL* ssl;
+    int fd;
+    bool broken;  // the stream ended without a close-notify or failed: no more writes
+};
+
+namespace {
+
+WOLFSSL_CTX* ctx_of(tls_context* context) { return reinterpret_cast<WOLFSSL_CTX*>(context); }
+
+int clamp(std::size_t size) { return size > INT_MAX ? INT_MAX : static_cast<int>(size); }
+
+char last_error[WOLFSSL_MAX_ERROR_SZ] = "";
+
+// Keeps the library's text for the failure just seen; errno stays as the
+// failing call left it.
+void note_failure(int code) {
+    const int saved_errno = errno;
+    if (code != 0)
+        wolfSSL_ERR_error_string_n(static_cast<unsigned long>(code), last_error, sizeof last_error);
+    else
+        last_error[0] = '\0';
+    errno = saved_errno;
+}
+
+void note_session_failure(WOLFSSL* ssl, int result) { note_failure(wolfSSL_get_error(ssl, result)); }
+
+// ---- socket layer without SIGPIPE ----
+// The I/O context is the session. A
+// signal-interrupted or would-block call asks wolfSSL to come back, which the
+// read and write below turn into -1 with errno as the call left it.
+
+int socket_send(WOLFSSL*, char* bytes, int size, void* context) {
+    const ssize_t sent = send(static_cast<tls_session*>(context)->fd, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL);
+    if (sent >= 0)
+        return static_cast<int>(sent);
+    switch (errno) {
+    case EINTR:
+    case EAGAIN:
+        return WOLFSSL_CBIO_ERR_WANT_WRITE;
+    case ECONNRESET:
+        return WOLFSSL_CBIO_ERR_CONN_RST;
+    case EPIPE:
+        return WOLFSSL_CBIO_ERR_CONN_CLOSE;
+    default:
+        return WOLFSSL_CBIO_ERR_GENERAL;
+    }
+}
+
+int socket_recv(WOLFSSL*, char* into, int size, void* context) {
+    const ssize_t got = recv(static_cast<tls_session*>(context)->fd, into, static_cast<std::size_t>(size), 0);
+    if (got > 0)
+        return static_cast<int>(got);
+    if (got == 0)
+        return WOLFSSL_CBIO_ERR_CONN_CLOSE;
+    // A reset is a general failure here: wolfSSL reports its own reset code
+    // as the end of the stream, which only the end of the stream may be.
+    return errno == EINTR || errno == EAGAIN ? WOLFSSL_CBIO_ERR_WANT_READ : WOLFSSL_CBIO_ERR_GENERAL;
+}
+
+bool library_ready = false;
+
+// Whether the context's key is its certificate's pair: a signature made with
+// the key must verify with the certificate. The library's own check takes
+// some mismatched elliptic-curve keys. Keys of another type than the
+// certificate's are taken unchecked, as OpenSSL takes them.
+bool is_certificate_pair(WOLFSSL_CTX* ctx) {
+    WOLFSSL_X509* certificate = wolfSSL_CTX_get0_certificate(ctx);
+    WOLFSSL_EVP_PKEY* key = wolfSSL_CTX_get0_privatekey(ctx);
+    if (certificate == nullptr || key == nullptr)
+        return true;  // nothing to compare yet
+    WOLFSSL_EVP_PKEY* public_key = wolfSSL_X509_get_pubkey(certificate);
+    if (public_key == nullptr)
+        return false;
+    if (wolfSSL_EVP_PKEY_base_id(public_key) != wolfSSL_EVP_PKEY_base_id(key)) {
+        wolfSSL_EVP_PKEY_free(public_key);
+        return true;
+    }
+    WOLFSSL_EVP_MD_CTX* sign = wolfSSL_EVP_MD_CTX_new();
+    WOLFSSL_EVP_MD_CTX* verify = wolfSSL_EVP_MD_CTX_new();
+    static const unsigned char probe[] = "key pair probe";
+    unsigned char signature[1024];  // an RSA-8192 signature fits
+    std::size_t length = sizeof signature;
+    const bool paired =
+        sign != nullptr && verify != nullptr &&
+        wolfSSL_EVP_DigestSignInit(sign, nullptr, wolfSSL_EVP_sha256(), nullptr, key) == 1 &&
+        wolfSSL_EVP_DigestSignUpdate(sign, probe, sizeof probe) == 1 &&
+        wolfSSL_EVP_DigestSignFinal(sign, signature, &length) == 1 &&
+        wolfSSL_EVP_DigestVerifyInit(verify, nullptr, wolfSSL_EVP_sha256(), nullptr, public_key) == 1 &&
+        wolfSSL_EVP_DigestVerifyUpdate(verify, probe, sizeof probe) == 1 &&
+        wolfSSL_EVP_DigestVerifyFinal(verify, signature, length) == 1;
+    wolfSSL_EVP_MD_CTX_free(sign);
+    wolfSSL_EVP_MD_CTX_free(verify);
+    wolfSSL_EVP_PKEY_free(public_key);
+    return paired;
+}
+
+}  // namespace
+
+tls_context* tls_context_new() {
+    if (!library_ready) {
+        const int started = wolfSSL_Init();
+        if (started != WOLFSSL_SUCCESS) {
+            note_failure(started);
+            return nullptr;
+        }
+        library_ready = true;
+    }
+    WOLFSSL_CTX* ctx = wolfSSL_CTX_new(wolfSSLv23_client_method());
+    if (ctx == nullptr) {
+        note_failure(MEMORY_E);
+        return nullptr;
+    }
+    // The server's certificate is accepted unchecked, as with the other
+    // libraries (wolfSSL's clients verify by default).
+    wolfSSL_CTX_set_verify(ctx, WOLFSSL_VERIFY_NONE, nullptr);
+    wolfSSL_CTX_SetIORecv(ctx, socket_recv);
+    wolfSSL_CTX_SetIOSend(ctx, socket_send);
+    return reinterpret_cast<tls_context*>(ctx);
+}
+
+int tls_context_use_chain(tls_context* context, const char* chain_file) {
+    const int loaded = wolfSSL_CTX_use_certificate_chain_file(ctx_of(context), chain_file);
+    if (loaded == WOLFSSL_SUCCESS)
+        return 0;
+    note_failure(loaded);
+    return -1;
+}
+
+int tls_context_use_key(tls_context* context, const char* key_file) {
+    WOLFSSL_CTX* ctx = ctx_of(context);
+    const int result = wolfSSL_CTX_use_PrivateKey_file(ctx, key_file, WOLFSSL_FILETYPE_PEM);
+    if (result != WOLFSSL_SUCCESS) {
+        note_failure(result);
+        return -1;
+    }
+    // A key that is not the certificate's pair fails here, as with OpenSSL.
+    if (!is_certificate_pair(ctx)) {
+        note_failure(WOLFSSL_BAD_FILE);
+        return -1;
+    }
+    return 0;
+}
+
+void tls_context_free(tls_context* context) { wolfSSL_CTX_free(ctx_of(context)); }
+
+tls_session* tls_session_new(tls_context* context) {
+    auto* session = static_cast<tls_session*>(std::calloc(1, sizeof(tls_session)));
+    session->ssl = session != nullptr ? wolfSSL_new(ctx_of(context)) : nullptr;
+    if (session == nullptr || session->ssl == nullptr) {
+        note_failure(MEMORY_E);
+        std::free(session);
+        return nullptr;
+    }
+    session->fd = -1;
+    return session;
+}
+
+int tls_session_bind(tls_session* session, int fd) {
+    session->fd = fd;
+    wolfSSL_SetIOReadCtx(session->ssl, session);
+    wolfSSL_SetIOWriteCtx(session->ssl, session);
+    return 0;
+}
+
+int tls_session_connect(tls_session* session) {
+    const int result = wolfSSL_connect(session->ssl);  // blocking: waits for the whole handshake
+    if (result == WOLFSSL_SUCCESS)
+        return 0;
+    note_session_failure(session->ssl, result);
+    return -1;
+}
+
+void tls_session_free(tls_session* session) {
+    if (session == nullptr)
+        return;
+    wolfSSL_free(session->ssl);  // no close-notify
+    std::free(session);
+}
+
+long tls_read(tls_session* session, void* into, std::size_t size) {
+    last_error[0] = '\0';
+    if (size == 0)
+        return 0;
+    const int got = wolfSSL_read(session->ssl, into, clamp(size));
+    if (got > 0)
+        return got;
+    // The end of the stream, with a close-notify or without, reads as 0, as
+    // it does through OpenSSL. Without one, or after a failure of the
+    // protocol (not of the socket), the session takes no more writes, as
+    // OpenSSL's does not.
+    const int error = wolfSSL_get_error(session->ssl, got);
+    if (error == WOLFSSL_ERROR_ZERO_RETURN)
+        return 0;
+    if (error != WOLFSSL_ERROR_WANT_READ && error != WOLFSSL_ERROR_WANT_WRITE && error != SOCKET_ERROR_E)
+        session->broken = true;
+    if (error == SOCKET_PEER_CLOSED_E)
+        return 0;
+    note_failure(error);
+    return -1;
+}
+
+long tls_write(tls_session* session, const void* bytes, std::size_t size) {
+    last_error[0] = '\0';
+    if (size == 0)
+        return 0;  // nothing is sent, as with OpenSSL
+    if (session->broken)
+        return -1;
+    const int written = wolfSSL_write(session->ssl, bytes, clamp(size));
+    if (written > 0)
+        return written;
+    note_session_failure(session->ssl, written);
+    return -1;
+}
+
+std::size_t tls_pending(const tls_session* session) {
+    const int pending = wolfSSL_pending(session->ssl);
+    return pending > 0 ? static_cast<std::size_t>(pending) : 0;
+}
+
+const char* tls_error_text() { return last_error; }
