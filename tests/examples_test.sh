@@ -56,6 +56,10 @@ run udp_echo 0 udp_echo.lua \
   "echo from 127.0.0.1:$PEER_UDP_PORT: datagram 5" \
   "5 sent, 5 echoed"
 
+run wss_verify 0 wss_verify.lua \
+  "wss wrong name: closed: ssl_connect_fail" \
+  "summary: right name echo, wrong name refused, tls echo"
+
 # Nothing listens on a port that was just free: every connect is refused and
 # the datagram goes unanswered, so the demo ends at its limit and says so.
 free_port="$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
