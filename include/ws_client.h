@@ -1,6 +1,6 @@
 // Shared definitions of the module: socket kind codes, status values and the
-// three socket records. Every unit includes this header; it does not include
-// lua.h, so the Lua-free core units can use it.
+// three socket records. Every socket unit includes this header; it does not
+// include lua.h, so the Lua-free core units can use it.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // Opening handshake: key and accept values, and the checks on the answer.
 #include <chrono>
 #include <ctime>
+#include <tuple>
 
 #include "handshake.h"
 #include "lua_fixture.h"
@@ -21,6 +22,40 @@ TEST(Handshake, AcceptFollowsTheRfcAndKeysChangeOnlyWithTheSecond) {
     }
     EXPECT_STREQ(first, second);
     EXPECT_THAT(first, ::testing::MatchesRegex("[A-Za-z0-9+/]{22}=="));
+}
+
+// RFC 3174's SHA-1 tests (input, times repeated) and RFC 4648's Base64 tests.
+TEST(Handshake, Sha1AndBase64MatchTheRfcVectors) {
+    const std::tuple<std::string, int, const char*> sha1_rows[] = {
+        {"abc", 1, "a9993e364706816aba3e25717850c26c9cd0d89d"},
+        {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq", 1, "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+        {"a", 1000000, "34aa973cd4c4daa4f61eeb2bdbad27316534016f"},
+        {"0123456701234567012345670123456701234567012345670123456701234567", 10,
+         "dea356a2cddd90c7a7ecedc5ebb563934f460452"},
+    };
+    for (const auto& [piece, times, hex] : sha1_rows) {
+        std::string input;
+        for (int i = 0; i < times; ++i)
+            input += piece;
+        uint8_t digest[SHA1_SIZE];
+        sha1(input.data(), input.size(), digest);
+        char text[2 * SHA1_SIZE + 1];
+        for (std::size_t i = 0; i < SHA1_SIZE; ++i)
+            std::snprintf(text + 2 * i, 3, "%02x", digest[i]);
+        EXPECT_STREQ(text, hex) << piece;
+    }
+    const std::pair<const char*, const char*> base64_rows[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="},
+        {"foobar", "Zm9vYmFy"},
+    };
+    for (const auto& [input, encoded] : base64_rows) {
+        char out[16];
+        EXPECT_EQ(base64_encode(reinterpret_cast<const unsigned char*>(input), std::strlen(input), out),
+                  static_cast<int>(std::strlen(encoded)));
+        EXPECT_STREQ(out, encoded);
+    }
+    char tiny[8];
+    EXPECT_EQ(base64_encode(reinterpret_cast<const unsigned char*>("foobar"), 6, tiny), -1) << "no room for the end";
 }
 
 TEST(Handshake, AnswerNeedsTheStatusPrefixAndTheValueAfterTheHeaderName) {
