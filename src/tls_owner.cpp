@@ -172,12 +172,13 @@ int tcp_ssl_init(tcp_record* record) {
 }
 
 int wss_ssl_connect(ws_record* record, const char* host) {
-    // the URL's host without a port; the servername key, when set, instead
+    // the servername key, when set; else the URL's host without a ":port"
     char name[TEXT_FIELD_SIZE];
-    std::snprintf(name, sizeof name, "%s", record->guard.servername[0] != '\0' ? record->guard.servername : host);
+    std::snprintf(name, sizeof name, "%s", host);
     if (char* colon = std::strchr(name, ':'); colon != nullptr && std::strchr(colon + 1, ':') == nullptr)
         *colon = '\0';
-    if (const char* failure = connect_session(*record, name)) {
+    const char* identity = record->guard.servername[0] != '\0' ? record->guard.servername : name;
+    if (const char* failure = connect_session(*record, identity)) {
         WS_LOG("%s", failure);
         return -1;
     }
