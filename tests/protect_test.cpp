@@ -189,6 +189,8 @@ TEST_F(ProtectTest, ErrorsNameTheKeyAndCallbackErrorsAreLogged) {
                               {"tcp_opts(1, { io_timeout = -1 })", "(field 'io_timeout': 0 or more seconds expected"},
                               {"tcp_opts(1, { cafile = true })", "(field 'cafile': string expected, got boolean)"}})
         EXPECT_THAT(run("ws.tcp_connect(ws.tcp_new(), " + std::string(code) + ")"), HasSubstr(says));
+    EXPECT_THAT(run("local u = ws.udp_connect(ws.udp_new(), {}); peer_send(peer_open(), bind_loopback(u), 'x'); "
+                    "ws.loop_start(deadline(2), 1, 0)"), HasSubstr("#-1 to 'loop_start' (field 'type': number expected, got nil)"));
     LUA_OK("ws.set_debug(certs .. 'cb.log'); local u = ws.udp_connect(ws.udp_new(), { type = 2, on_open = function() "
            "error('boom') end }); ws.udp_close(u); ws.set_debug('NULL')");  // on_close is absent: no line
     EXPECT_THAT(file_text(dir() + "cb.log"), MatchesRegex("(.|\n)*on_open raised an error: .*boom(.|\n)*"));
