@@ -62,8 +62,13 @@ bool tls_settle_stale_copy(Record& record) {
 // certificate chain and key) before the TCP connect, connect (a session on
 // the connected descriptor and a blocking handshake) after it. 0 or -1; the
 // handles made so far stay with the record for its close to free. No peer
-// verification, no server name.
+// verification, no server name, unless the record's guard asks for them:
+// cafile/capath make init load the CA certificates (a failure to load fails
+// init) and connect verify the chain and the identity (servername if set,
+// else for wss the URL's host without a port, for TCP the dotted address);
+// servername also goes out as SNI. A refused certificate fails connect like
+// any failed handshake; the debug log says why.
 int wss_ssl_init(ws_record* record);
-int wss_ssl_connect(ws_record* record);
+int wss_ssl_connect(ws_record* record, const char* host);
 int tcp_ssl_init(tcp_record* record);
 int tcp_ssl_connect(tcp_record* record);

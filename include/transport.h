@@ -7,7 +7,15 @@
 // leaves errno alone (callers that act on errno clear it first); the TLS
 // error queue is cleared before each call. Plain writes never raise SIGPIPE
 // (a reset peer gives EPIPE), nor do TLS writes (see tls.h).
+//
+// Opt-in wait bound (options key io_timeout): stream_bound_waits gives each
+// blocking read and write on the descriptor, the TLS library's own included,
+// at most that long to wait. One that runs out fails with ETIMEDOUT; a write
+// cut short by it fails too (-1, ETIMEDOUT), since the stream is broken
+// then. Without the bound nothing here changes.
 #pragma once
+
+#include <sys/socket.h>
 
 #include <cstddef>
 
@@ -16,3 +24,10 @@
 // `tls` null: plain recv/send on fd; otherwise the session (bound to fd).
 long stream_read(int fd, tls_session* tls, void* into, std::size_t size);
 long stream_write(int fd, tls_session* tls, const void* bytes, std::size_t size);
+
+// Bounds every blocking wait of a read or write on fd to `seconds` (> 0;
+// SO_RCVTIMEO/SO_SNDTIMEO, set once: no cost per call). 0 or -1 (errno).
+int stream_bound_waits(int fd, double seconds);
+// For a call on fd that failed outside the two above (the TLS handshake): a
+// bounded wait that ran out turns errno from EAGAIN into ETIMEDOUT.
+void stream_note_timeout(int fd, int option = SO_RCVTIMEO);

@@ -40,6 +40,16 @@ constexpr const char* METATABLE_WS = "{SOCKET_WS}";
 constexpr const char* METATABLE_UDP = "{SOCKET_UDP}";
 constexpr const char* METATABLE_TCP = "{SOCKET_TCP}";
 
+// Opt-in protections of a stream socket, read from options keys the
+// design does not use (cafile, capath, servername, io_timeout). All zero,
+// that is off, unless the script sets the key; see docs/api.md.
+struct stream_guard {
+    char cafile[TEXT_FIELD_SIZE];      // CA bundle: verify the server's chain
+    char capath[TEXT_FIELD_SIZE];      // hashed CA directory: the same
+    char servername[TEXT_FIELD_SIZE];  // SNI, and the name the certificate must match
+    double io_timeout;                 // seconds each blocking read/write may wait
+};
+
 // ---- socket records ----
 // All three begin with sock_type, sockfd, status so that code needing only
 // those may read them through any record (see sock_header).
@@ -67,6 +77,7 @@ struct ws_record {
     // handles; this serial names the TLS session the handles belong to so
     // that a stale copy can never free or use a session twice.
     uint64_t tls_serial;
+    stream_guard guard;
 };
 
 struct tcp_record {
@@ -81,6 +92,7 @@ struct tcp_record {
     char crt[TEXT_FIELD_SIZE];
     char prikey[TEXT_FIELD_SIZE];
     uint64_t tls_serial;  // as in ws_record
+    stream_guard guard;
 };
 
 struct udp_record {

@@ -20,6 +20,18 @@ void get_cb(lua_State* L, int32_t fd, const char* name) {
     lua_getfield(L, -1, name);                       // raises on nil, by design
 }
 
+// The protected call of a callback looked up under `name`, with its `args`
+// arguments above it. Its failure is ignored, as every callback's is, but an
+// error the callback raised goes to the debug log; an absent callback (nil)
+// stays silent.
+static void call_callback(lua_State* L, int args, const char* name) {
+    const bool present = !lua_isnil(L, -args - 1);
+    if (lua_pcall(L, args, 0, 0) != 0 && present) {
+        const char* text = lua_tostring(L, -1);
+        WS_LOG("%s raised an error: %s\n", name, text != nullptr ? text : "(error object is not a string)");
+    }
+}
+
 void error_callback(lua_State* L, int32_t fd, int errnum, const char* message) {
     (void)errnum;  // the script always sees errno as it is now
     if (fd == 0)
@@ -28,14 +40,14 @@ void error_callback(lua_State* L, int32_t fd, int errnum, const char* message) {
     get_cb(L, fd, "on_error");
     lua_pushinteger(L, errno);
     lua_pushstring(L, message);
-    lua_pcall(L, 2, 0, 0);
+    call_callback(L, 2, "on_error");
     lua_settop(L, height);
 }
 
 void connect_callback(lua_State* L, int32_t fd) {
     const int height = lua_gettop(L);
     get_cb(L, fd, "on_open");
-    lua_pcall(L, 0, 0, 0);
+    call_callback(L, 0, "on_open");
     lua_settop(L, height);
 }
 
@@ -45,7 +57,7 @@ void close_callback(lua_State* L, int32_t fd, const char* reason) {
     const int height = lua_gettop(L);
     get_cb(L, fd, "on_close");
     lua_pushstring(L, reason);
-    lua_pcall(L, 1, 0, 0);
+    call_callback(L, 1, "on_close");
     lua_settop(L, height);
 }
 
@@ -55,7 +67,7 @@ void receive_callback(lua_State* L, int32_t fd, const char* data, const char* fr
     lua_pushstring(L, data);
     lua_pushstring(L, from);  // null pushes nil
     lua_pushinteger(L, port);
-    lua_pcall(L, 3, 0, 0);
+    call_callback(L, 3, "on_message");
     lua_settop(L, height);
 }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <limits>
+#include <utility>
 
 #include "callbacks.h"
 #include "main_loop.h"
@@ -70,9 +71,19 @@ tcp_record* check_tcp_client(lua_State* L, int index) {
     return static_cast<tcp_record*>(block);
 }
 
+// A field of the wrong type (nil when missing): an argument error against the
+// options table (just below the value) that names the field.
+static void field_error(lua_State* L, const char* key, const char* expected) {
+    const char* got = luaL_typename(L, -1);
+    const int table = lua_gettop(L) - 1;
+    luaL_argerror(L, table, lua_pushfstring(L, "field '%s': %s expected, got %s", key, expected, got));
+}
+
 void get_tbl_str(lua_State* L, int index, const char* key, char (&dst)[TEXT_FIELD_SIZE]) {
     lua_pushstring(L, key);
     lua_gettable(L, index);
+    if (!lua_isstring(L, -1))  // numbers pass: the check converts them
+        field_error(L, key, "string");
     const char* text = luaL_checklstring(L, -1, nullptr);
     const std::size_t length = std::strlen(text);  // copies stop at a zero byte
     if (length >= TEXT_FIELD_SIZE) {
@@ -88,8 +99,39 @@ void get_tbl_str(lua_State* L, int index, const char* key, char (&dst)[TEXT_FIEL
 void get_tbl_num(lua_State* L, int index, const char* key, int32_t* out) {
     lua_pushstring(L, key);
     lua_gettable(L, index);
+    if (!lua_isnumber(L, -1))  // numeric texts pass: the check converts them
+        field_error(L, key, "number");
     *out = number_to_int32(luaL_checknumber(L, -1));  // as 5.1 reads it on every version
     lua_pop(L, 1);
+}
+
+// The opt-in keys of a stream socket, from the options table on top: a
+// missing key leaves its protection off; a present one must have the right
+// type (and io_timeout be 0 or more) or raises as above.
+static void read_guard(lua_State* L, stream_guard& guard) {
+    guard = {};
+    for (auto [key, field] : {std::pair{"cafile", &guard.cafile}, std::pair{"capath", &guard.capath},
+                              std::pair{"servername", &guard.servername}}) {
+        lua_getfield(L, -1, key);
+        const bool absent = lua_isnil(L, -1);
+        lua_pop(L, 1);
+        if (!absent)
+            get_tbl_str(L, -2, key, *field);
+    }
+    lua_getfield(L, -1, "io_timeout");
+    if (!lua_isnil(L, -1)) {
+        if (!lua_isnumber(L, -1))
+            field_error(L, "io_timeout", "number");
+        guard.io_timeout = lua_tonumber(L, -1);
+        if (!(guard.io_timeout >= 0))  // NaN too
+            luaL_argerror(L, lua_gettop(L) - 1,
+                          lua_pushfstring(L, "field 'io_timeout': 0 or more seconds expected, got %f",
+                                          static_cast<double>(guard.io_timeout)));
+    }
+    lua_pop(L, 1);
+    if (guard.cafile[0] != '\0' || guard.capath[0] != '\0' || guard.servername[0] != '\0' || guard.io_timeout > 0)
+        WS_LOG("cafile '%s' capath '%s' servername '%s' io_timeout %g\n", guard.cafile, guard.capath,
+               guard.servername, guard.io_timeout);
 }
 
 void stackDump(lua_State*) {}
@@ -126,6 +168,7 @@ static int ws_connect(lua_State* L) {
     WS_LOG(">>port is %d\n\n", record->port);
     get_tbl_num(L, -2, "timeout", &record->timeout);
     WS_LOG(">>timeout is %d\n\n", record->timeout);
+    read_guard(L, record->guard);
     const int32_t fd = record->sockfd;
     // A closed object has no descriptor to register under.
     luaL_argcheck(L, fd != -1, 1, "socket has been closed");
@@ -297,6 +340,7 @@ static int tcp_connect(lua_State* L) {
     WS_LOG("prikey %s\n", record->prikey);
     get_tbl_num(L, -2, "is_secure", &record->is_secure);
     WS_LOG("is_secure %d\n", record->is_secure);
+    read_guard(L, record->guard);
     registry_store_top(L, sockfd_key(record->sockfd));  // the options table
 
     if (do_tcp_connect(L, record) == -1) {

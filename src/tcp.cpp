@@ -83,6 +83,10 @@ int do_tcp_connect(lua_State* L, tcp_record* record) {
         fail(L, record, std::strerror(errno), nullptr);
         return -1;
     }
+    if (record->guard.io_timeout > 0 && stream_bound_waits(record->sockfd, record->guard.io_timeout) == -1) {
+        fail(L, record, std::strerror(errno), nullptr);
+        return -1;
+    }
     if (secure && tcp_ssl_connect(record) == -1) {
         fail(L, record, "ssl_connect_fail", "ssl_connect_fail");
         WS_LOG("ssl_connect_fail\n");

@@ -6,6 +6,8 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <climits>
@@ -124,6 +126,15 @@ int tls_context_use_key(tls_context* context, const char* key_file) {
 
 void tls_context_free(tls_context* context) { SSL_CTX_free(ctx_of(context)); }
 
+int tls_context_verify(tls_context* context, const char* ca_file, const char* ca_dir) {
+    if (SSL_CTX_load_verify_locations(ctx_of(context), ca_file, ca_dir) != 1) {
+        note_failure();
+        return -1;
+    }
+    SSL_CTX_set_verify(ctx_of(context), SSL_VERIFY_PEER, nullptr);
+    return 0;
+}
+
 tls_session* tls_session_new(tls_context* context) {
     SSL* ssl = SSL_new(ctx_of(context));
     if (ssl == nullptr)
@@ -142,6 +153,30 @@ int tls_session_bind(tls_session* session, int fd) {
     BIO_set_init(bio, 1);
     SSL_set_bio(ssl_of(session), bio, bio);  // one reference, owned by the session
     return 0;
+}
+
+int tls_session_send_name(tls_session* session, const char* name) {
+    if (SSL_set_tlsext_host_name(ssl_of(session), name) == 1)
+        return 0;
+    note_failure();
+    return -1;
+}
+
+int tls_session_expect_identity(tls_session* session, const char* identity) {
+    unsigned char address[sizeof(in6_addr)];
+    const bool literal =
+        inet_pton(AF_INET, identity, address) == 1 || inet_pton(AF_INET6, identity, address) == 1;
+    // set1_host would take an address literal for a name and never match it
+    const int done = literal ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl_of(session)), identity)
+                             : SSL_set1_host(ssl_of(session), identity);
+    if (done == 1)
+        return 0;
+    note_failure();
+    return -1;
+}
+
+const char* tls_verify_result(const tls_session* session) {
+    return X509_verify_cert_error_string(SSL_get_verify_result(ssl_of(session)));
 }
 
 int tls_session_connect(tls_session* session) {

@@ -3,7 +3,11 @@
 // logged.
 #include "tls_owner.h"
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+
+#include "transport.h"
 
 #ifdef lua_h
 #error "TLS ownership and set-up must stay free of the interpreter"
@@ -88,6 +92,20 @@ std::size_t tls_live_count() { return entry_count; }
 
 namespace {
 
+bool verifies(const stream_guard& guard) { return guard.cafile[0] != '\0' || guard.capath[0] != '\0'; }
+const char* or_null(const char* text) { return text[0] != '\0' ? text : nullptr; }
+
+// Opt-in verification (cafile/capath) on the new context.
+const char* verify_setup(const stream_guard& guard, tls_context* ctx) {
+    if (!verifies(guard))
+        return nullptr;
+    if (tls_context_verify(ctx, or_null(guard.cafile), or_null(guard.capath)) == 0)
+        return nullptr;
+    WS_LOG_AS("verify_setup", "CA certificates do not load (cafile '%s', capath '%s'): %s\n", guard.cafile,
+              guard.capath, tls_error_text());
+    return "SSL context create fail!\n";
+}
+
 template <typename Record>
 const char* new_client_context(Record& record) {
     tls_release_record(record);  // a reconnected record gives up its old session
@@ -98,11 +116,12 @@ const char* new_client_context(Record& record) {
     if (record.tls_serial == 0)
         return "SSL context create fail!\n";
     record.ssl_ctx = ctx;
-    return nullptr;
+    return verify_setup(record.guard, ctx);
 }
 
+// `identity`: what the certificate must match when verification is on.
 template <typename Record>
-const char* connect_session(Record& record) {
+const char* connect_session(Record& record, const char* identity) {
     tls_context* ctx = tls_live(record.tls_serial) ? record.ssl_ctx : nullptr;
     record.ssl = ctx != nullptr ? tls_session_new(ctx) : nullptr;
     if (record.ssl == nullptr)
@@ -110,8 +129,19 @@ const char* connect_session(Record& record) {
     tls_adopt_session(record.tls_serial, record.ssl);
     if (tls_session_bind(record.ssl, record.sockfd) != 0)
         return "can't set SSL socket\n";
-    if (tls_session_connect(record.ssl) != 0)
+    const stream_guard& guard = record.guard;
+    if ((guard.servername[0] != '\0' && tls_session_send_name(record.ssl, guard.servername) != 0) ||
+        (verifies(guard) && tls_session_expect_identity(record.ssl, identity) != 0)) {
+        WS_LOG_AS("connect_session", "server name '%s' / identity '%s' refused: %s\n", guard.servername, identity,
+                  tls_error_text());
         return "fail to connect ssl\n";
+    }
+    if (tls_session_connect(record.ssl) != 0) {
+        stream_note_timeout(record.sockfd);  // a bounded handshake that ran out: ETIMEDOUT
+        if (verifies(guard))
+            WS_LOG_AS("connect_session", "certificate of '%s': %s\n", identity, tls_verify_result(record.ssl));
+        return "fail to connect ssl\n";
+    }
     return nullptr;
 }
 
@@ -141,8 +171,14 @@ int tcp_ssl_init(tcp_record* record) {
     return 0;
 }
 
-int wss_ssl_connect(ws_record* record) {
-    if (const char* failure = connect_session(*record)) {
+int wss_ssl_connect(ws_record* record, const char* host) {
+    // the servername key, when set; else the URL's host without a ":port"
+    char name[TEXT_FIELD_SIZE];
+    std::snprintf(name, sizeof name, "%s", host);
+    if (char* colon = std::strchr(name, ':'); colon != nullptr && std::strchr(colon + 1, ':') == nullptr)
+        *colon = '\0';
+    const char* identity = record->guard.servername[0] != '\0' ? record->guard.servername : name;
+    if (const char* failure = connect_session(*record, identity)) {
         WS_LOG("%s", failure);
         return -1;
     }
@@ -150,7 +186,8 @@ int wss_ssl_connect(ws_record* record) {
 }
 
 int tcp_ssl_connect(tcp_record* record) {
-    if (const char* failure = connect_session(*record)) {
+    const char* identity = record->guard.servername[0] != '\0' ? record->guard.servername : record->ip;
+    if (const char* failure = connect_session(*record, identity)) {
         WS_LOG("%s", failure);
         return -1;
     }

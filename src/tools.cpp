@@ -78,6 +78,8 @@ int32_t get_sock_type(lua_State* L, int32_t fd) {
     const registry_key key = sockfd_key(fd);
     lua_getfield(L, LUA_REGISTRYINDEX, key.text);
     lua_getfield(L, -1, "type");  // raises on a missing options table
+    if (!lua_isnumber(L, -1))       // the argument error the check gives, naming the key
+        luaL_argerror(L, -1, lua_pushfstring(L, "field 'type': number expected, got %s", luaL_typename(L, -1)));
     const int32_t type = number_to_int32(luaL_checknumber(L, -1));
     WS_LOG("type is %d\n", type);
     return type;

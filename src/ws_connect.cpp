@@ -367,7 +367,9 @@ int do_new_connect(lua_State* L, ws_record* ws) {
     address.sin_addr.s_addr = inet_addr(server_ip);
     if (connect_timeout(ws->sockfd, &address, ws->timeout) == -1)
         return fail_connect(L, ws, std::strerror(errno), nullptr);
-    if (ws->is_secure == 1 && wss_ssl_connect(ws) == -1) {
+    if (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1)
+        return fail_connect(L, ws, std::strerror(errno), nullptr);
+    if (ws->is_secure == 1 && wss_ssl_connect(ws, host) == -1) {
         fail_connect(L, ws, "ssl connect fail!", "ssl_connect_fail");
         WS_LOG("ssl_connect_fail\n");
         return -1;

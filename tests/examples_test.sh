@@ -85,6 +85,10 @@ sed -n '/^```lua$/,/^```$/{/^```/d;p}' "$root/README.md" | sed "s/port = 8801,/p
 run readme_tour 0 "$tour" "open" "got hello" "closed: User do close"
 rm -f "$tour"
 
+run wss_verify 0 wss_verify.lua \
+  "wss wrong name: closed: ssl_connect_fail" \
+  "summary: right name echo, wrong name refused, tls echo"
+
 # Nothing listens on a port that was just free: every connect is refused and
 # the datagram goes unanswered, so the demo ends at its limit and says so.
 free_port="$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"

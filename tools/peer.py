@@ -19,9 +19,12 @@ The module's TCP receive path reads until the peer closes the connection,
 hence the echoes' closing on idle and the HTTP server's close after its
 response.
 
-Certificates (a CA, a server certificate for 127.0.0.1/localhost and a client
-certificate, each with its key) are made with the openssl command on first run
-in --cert-dir and reused afterwards.
+Certificates (a CA, a server certificate for 127.0.0.1/localhost, a server
+certificate for the wrong name "wrong.invalid" and a client certificate, each
+with its key, all signed by the CA) are made with the openssl command on first
+run in --cert-dir and reused afterwards. wss and tls serve the right-name
+certificate; with --wrong-name they serve the wrong-name one, so that a
+client verifying against ca.crt is refused.
 
 Once every service listens, one line goes to stdout:
 
@@ -54,7 +57,7 @@ except ImportError:  # pragma: no cover - a message for people, not a test path
 
 SERVICES = ("ws", "wss", "tcp", "tls", "http", "udp")
 DEFAULT_PORTS = {"ws": 8801, "wss": 8802, "tcp": 8803, "tls": 8804, "http": 8805, "udp": 8806}
-CERT_FILES = ("ca.crt", "server.crt", "server.key", "client.crt", "client.key")
+CERT_FILES = ("ca.crt", "server.crt", "server.key", "wrongname.crt", "wrongname.key", "client.crt", "client.key")
 
 # The body of the HTTP answer, one chunk per piece. No piece holds the bytes
 # "0\r\n\r\n", which the module's decoder takes as the end of the body.
@@ -106,6 +109,8 @@ def ensure_certificates(cert_dir):
                 "-keyout", "ca.key", "-out", "ca.crt", "-days", "3650", "-subj", "/CN=ws_client local peer CA")
     make_signed(work, "server", "/CN=127.0.0.1",
                 "subjectAltName=IP:127.0.0.1,DNS:localhost\nextendedKeyUsage=serverAuth\n")
+    make_signed(work, "wrongname", "/CN=wrong.invalid",
+                "subjectAltName=DNS:wrong.invalid\nextendedKeyUsage=serverAuth\n")
     make_signed(work, "client", "/CN=ws_client device",
                 "extendedKeyUsage=clientAuth\n")
     for name in os.listdir(work):
@@ -122,9 +127,9 @@ def ensure_certificates(cert_dir):
     return cert_dir
 
 
-def server_context(cert_dir, require_client_cert):
+def server_context(cert_dir, require_client_cert, name="server"):
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(os.path.join(cert_dir, "server.crt"), os.path.join(cert_dir, "server.key"))
+    context.load_cert_chain(os.path.join(cert_dir, name + ".crt"), os.path.join(cert_dir, name + ".key"))
     # No session tickets: the module's TLS reads block, and a ticket arriving
     # alone would make a socket readable with no data for the script.
     context.num_tickets = 0
@@ -217,6 +222,7 @@ async def serve(args):
     loop = asyncio.get_running_loop()
     loop.set_exception_handler(quiet_exceptions)
     cert_dir = ensure_certificates(args.cert_dir)
+    served = "wrongname" if args.wrong_name else "server"
     host = args.host
     ports = {}
 
@@ -230,10 +236,10 @@ async def serve(args):
         servers[:] = [
             await websockets.serve(lambda c, p=None: websocket_echo("ws", c, p), host, ports["ws"], **ws_options),
             await websockets.serve(lambda c, p=None: websocket_echo("wss", c, p), host, ports["wss"],
-                                   ssl=server_context(cert_dir, False), **ws_options),
+                                   ssl=server_context(cert_dir, False, served), **ws_options),
             await asyncio.start_server(stream_echo("tcp", args.idle), host, ports["tcp"]),
             await asyncio.start_server(stream_echo("tls", args.idle), host, ports["tls"],
-                                       ssl=server_context(cert_dir, True)),
+                                       ssl=server_context(cert_dir, True, served)),
             await asyncio.start_server(http_chunked(args.idle, restart), host, ports["http"])]
         for name, server in zip(("ws", "wss", "tcp", "tls", "http"), servers):
             ports[name] = port_of(server)
@@ -288,6 +294,8 @@ def main():
     cache = os.environ.get("XDG_CACHE_HOME") or os.path.join(os.path.expanduser("~"), ".cache")
     parser.add_argument("--cert-dir", default=os.path.join(cache, "ws_client_peer"),
                         help="where certificates are made and kept (default %(default)s)")
+    parser.add_argument("--wrong-name", action="store_true",
+                        help="wss and tls serve the certificate for wrong.invalid (verification then fails)")
     parser.add_argument("--env-file", help="also write the ports as shell assignments to this file")
     parser.add_argument("--idle", type=float, default=0.5,
                         help="seconds of silence after which the TCP and TLS echoes close (default 0.5)")
