@@ -36,3 +36,6 @@ if(WS_CLIENT_LUAROCKS AND NOT WS_CLIENT_LUAJIT)
            COMMAND ${script_tests_dir}/package_test.sh rock ${PROJECT_SOURCE_DIR} ${WS_CLIENT_INTERPRETER})
   set_tests_properties(rockspec PROPERTIES TIMEOUT 600)
 endif()
+
+# On the device the module needs the C and TLS libraries only.
+add_test(NAME module_dependencies COMMAND ${PROJECT_SOURCE_DIR}/scripts/module_deps.sh $<TARGET_FILE:ws_client>)
