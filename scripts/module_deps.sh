@@ -7,9 +7,9 @@
 set -euo pipefail
 module="$1"
 needed="$(readelf -d "$module" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')"
-symbols="$(readelf -W --dyn-syms "$module" | awk 'NR > 3 && $8 != "" { print $7, $8 }')"
+symbols="$(readelf -W --dyn-syms "$module" | awk 'NR > 3 && $8 != "" && $5 != "LOCAL" { print $7, $8 }')"
 extra="$(tr ' ' '\n' <<<"$needed" | grep -vE '^(libc\.so\.6|libssl\.so\.3|libcrypto\.so\.3|)$' || true)"
-runtime="$(awk '$1 == "UND" && $2 ~ /^(_Z|__cxa_|__gxx_|_Unwind_|__gcc_personality)/ && $2 !~ /^__cxa_(atexit|finalize)(@|$)/ { print $2 }' <<<"$symbols")"
+runtime="$(awk '$1 == "UND" && ($2 ~ /^(_Z|__cxa_|__gxx_|_Unwind_|__gcc_personality)/ || $2 ~ /@(CXXABI|GLIBCXX|GCC)_/) && $2 !~ /^__cxa_(atexit|finalize)(@|$)/ { print $2 }' <<<"$symbols")"
 exported="$(awk '$1 != "UND" { print $2 }' <<<"$symbols" | grep -vx 'luaopen_ws_client' || true)"
 echo "needs: $needed"
 [ -z "$extra$runtime$exported" ] && exit 0

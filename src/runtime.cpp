@@ -49,5 +49,13 @@ void __throw_logic_error(const char*) { no_exceptions(); }
 void __throw_invalid_argument(const char*) { no_exceptions(); }
 }  // namespace std
 
+#ifdef __ARM_EABI__
+// ARM registers static destructors through this; the C library has the rest.
+extern "C" int __cxa_atexit(void (*destroy)(void*), void* object, void* dso_handle);
+extern "C" int __aeabi_atexit(void* object, void (*destroy)(void*), void* dso_handle) {
+    return __cxa_atexit(destroy, object, dso_handle);
+}
+#endif
+
 // A pure virtual call cannot happen in correct code; the runtime aborts too.
 extern "C" void __cxa_pure_virtual() { no_exceptions(); }
