@@ -5,9 +5,10 @@ FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 20
 BENCH_BUILD ?= build-bench
 LUAJIT_BUILD ?= build-luajit
+CROSS_BUILD ?= build-cross
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench clean
+.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz test-cross cross bench clean
 
 deps:
 	@scripts/deps.sh
@@ -47,7 +48,24 @@ test-fuzz: deps
 	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
 	else echo "clang++ not found: fuzz targets not run"; fi
 
-test: test-plain test-asan test-luajit test-fuzz
+# Cross builds: size-optimised, stripped, one per architecture in
+# $(CROSS_BUILD)/ARCH/ws_client.so, each against a sysroot of that
+# architecture's Debian packages cached in $(CROSS_BUILD)/sysroot-ARCH.
+# `make cross ARCH=arm64` for one (only ARCH given on the command line counts).
+CROSS_ARCHES := arm64 armhf mipsel s390x
+ifneq ($(origin ARCH),command line)
+ARCH := $(CROSS_ARCHES)
+endif
+cross:
+	@scripts/deps.sh cross
+	JOBS=$(JOBS) scripts/cross.sh $(CROSS_BUILD) $(ARCH)
+
+# The cross builds under qemu-user against the local peer (and the unit tests on s390x).
+test-cross:
+	@scripts/deps.sh cross
+	JOBS=$(JOBS) scripts/cross.sh -t $(CROSS_BUILD) $(ARCH)
+
+test: test-plain test-asan test-luajit test-fuzz test-cross
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
@@ -59,4 +77,4 @@ bench: deps
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD) $(CROSS_BUILD)

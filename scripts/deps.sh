@@ -12,6 +12,12 @@ packages=(
   python3 python3-websockets
   luarocks
 )
+# `deps.sh cross`: also the cross compilers and the emulator (make cross,
+# make test; not needed for the demo). apt-get and dpkg-deb make the sysroots.
+if [ "${1:-}" = cross ]; then
+  packages+=(crossbuild-essential-arm64 crossbuild-essential-armhf crossbuild-essential-mipsel
+             crossbuild-essential-s390x qemu-user-static)
+fi
 
 missing=()
 for package in "${packages[@]}"; do

@@ -9,12 +9,15 @@
 # GoogleTest sources are left out quietly where the architecture lacks them
 # (DIR/root/.complete lists what was unpacked).
 set -euo pipefail
-arch="$1" dir="$2"
-required=(libc6 libgcc-s1 libstdc++6 libssl3 libssl-dev lua5.1 liblua5.1-0 liblua5.1-0-dev libreadline8 libtinfo6)
-optional=(luajit libluajit-5.1-2)
-[ "$arch" = s390x ] && optional+=(libgtest-dev libgmock-dev)
+arch="$1" dir="$(mkdir -p "$2" && cd "$2" && pwd)"
+# Run on the target: these and everything they depend on. Built against:
+# the development packages alone.
+runtime=(libssl3 lua5.1)
+development=(libssl-dev liblua5.1-0-dev)
+optional=(luajit)
+[ "$arch" = s390x ] && optional+=(libstdc++6) development_optional=(libgtest-dev libgmock-dev)
 
-wanted="${required[*]} ${optional[*]}"
+wanted="${runtime[*]} ${development[*]} ${optional[*]} ${development_optional[*]:-}"
 if [ -f "$dir/root/.complete" ] && [ "$(head -1 "$dir/root/.complete")" = "$wanted" ]; then
   exit 0
 fi
@@ -29,14 +32,15 @@ apt_options=(-o "Dir::State=$dir/apt" -o "Dir::State::Lists=$dir/apt/lists" -o "
 apt-get -qq "${apt_options[@]}" update >"$dir/apt/update.log" 2>&1 || true
 
 available() { apt-cache "${apt_options[@]}" show "$1" >/dev/null 2>&1; }
-packages=()
-for package in "${required[@]}"; do
+for package in "${runtime[@]}" "${development[@]}"; do
   available "$package" || { echo "$arch: package $package cannot be had (see $dir/apt/update.log)"; exit 3; }
-  packages+=("$package")
 done
-for package in "${optional[@]}"; do
-  if available "$package"; then packages+=("$package"); fi
-done
+roots=("${runtime[@]}")
+for package in "${optional[@]}"; do available "$package" && roots+=("$package"); done
+packages=("${development[@]}")
+for package in ${development_optional[@]+"${development_optional[@]}"}; do available "$package" && packages+=("$package"); done
+packages+=($(apt-cache "${apt_options[@]}" depends --recurse --no-recommends --no-suggests --no-conflicts \
+  --no-breaks --no-replaces --no-enhances "${roots[@]}" | grep '^[a-z0-9]' | sort -u))
 
 (cd "$dir/debs" && apt-get -qq "${apt_options[@]}" download "${packages[@]/%/:$arch}") ||
   { echo "$arch: download failed"; exit 3; }
