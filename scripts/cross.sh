@@ -7,8 +7,8 @@
 # tested under qemu-user (called directly, the sysroot as QEMU_LD_PREFIX):
 # that architecture's lua5.1, and luajit where Debian has it, run the
 # examples and the demo against the local peer on the host; on s390x (big
-# endian) the unit tests run too. An architecture whose
-# packages cannot be had is reported in one line and skipped.
+# endian) the unit tests run too. An architecture whose packages cannot be
+# had is reported in one line and skipped.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 test=0
