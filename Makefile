@@ -4,6 +4,7 @@ ASAN_BUILD ?= build-asan
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 20
 BENCH_BUILD ?= build-bench
+CROSS_BUILD ?= build-cross
 JOBS       ?= $(shell nproc)
 
 LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
@@ -11,7 +12,7 @@ LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
 # OpenSSL is the default.
 OTHER_TLS  ?= mbedtls wolfssl
 
-.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls bench footprint dist clean
+.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross cross bench footprint dist clean
 
 deps:
 	@scripts/deps.sh
@@ -69,12 +70,30 @@ test-tls: deps
 	  ctest --test-dir build-tls-$$tls --output-on-failure -j $(JOBS) -R 'Tls|Ws|Handshake|examples' || exit 1; \
 	done
 
-test: test-plain test-asan $(LUA_LEGS) test-fuzz test-tls
 
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
 dist:
 	scripts/dist.sh dist $(DIST_URL)
+
+# Cross builds: size-optimised, stripped, one per architecture in
+# $(CROSS_BUILD)/ARCH/ws_client.so, each against a sysroot of that
+# architecture's Debian packages cached in $(CROSS_BUILD)/sysroot-ARCH.
+# `make cross ARCH=arm64` for one (only ARCH given on the command line counts).
+CROSS_ARCHES := arm64 armhf mipsel s390x
+ifneq ($(origin ARCH),command line)
+ARCH := $(CROSS_ARCHES)
+endif
+cross:
+	@scripts/deps.sh cross
+	JOBS=$(JOBS) scripts/cross.sh $(CROSS_BUILD) $(ARCH)
+
+# The cross builds under qemu-user against the local peer (and the unit tests on s390x).
+test-cross:
+	@scripts/deps.sh cross
+	JOBS=$(JOBS) scripts/cross.sh -t $(CROSS_BUILD) $(ARCH)
+
+test: test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
@@ -100,4 +119,4 @@ footprint: deps
 	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-*
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD)

@@ -19,10 +19,15 @@ packages=(
   clang libclang-rt-14-dev
   luarocks
 )
-if [ "${1:-}" = demo ]; then
-  packages=("${demo_packages[@]}")
-else
-  packages=("${demo_packages[@]}" "${packages[@]}")
+# `deps.sh cross`: also the cross compilers and the emulator (make cross,
+# make test; not needed for the demo). apt-get and dpkg-deb make the sysroots.
+case "${1:-}" in
+  demo) packages=("${demo_packages[@]}") ;;
+  cross) packages=("${demo_packages[@]}" "${packages[@]}"
+                   crossbuild-essential-arm64 crossbuild-essential-armhf crossbuild-essential-mipsel
+                   crossbuild-essential-s390x qemu-user-static) ;;
+  *) packages=("${demo_packages[@]}" "${packages[@]}") ;;
+esac
 fi
 
 missing=()

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 #include <ctime>
 #include <limits>
@@ -305,9 +304,9 @@ static int timeout_lua_sleep(lua_State* L) {
     if (seconds >= longest) {
         wanted.tv_sec = static_cast<std::time_t>(longest);
     } else {
-        const double whole = std::trunc(seconds);
-        wanted.tv_sec = static_cast<std::time_t>(whole);
-        const double nanoseconds = std::trunc((seconds - whole) * 1e9);
+        // conversions truncate toward zero: no trunc(), which is in libm on 32-bit targets
+        wanted.tv_sec = static_cast<std::time_t>(seconds);
+        const double nanoseconds = (seconds - static_cast<double>(wanted.tv_sec)) * 1e9;
         wanted.tv_nsec = nanoseconds > 999999999.0 ? 999999999L : static_cast<long>(nanoseconds);
     }
     timespec remaining{};

@@ -4,7 +4,6 @@
 #include <sys/time.h>
 
 #include <cerrno>
-#include <cmath>
 
 #ifdef lua_h
 #error "the transport must stay free of the interpreter"
@@ -32,8 +31,11 @@ void stream_note_timeout(int fd, int option) {
 }
 
 int stream_bound_waits(int fd, double seconds) {
-    const double capped = std::fmin(seconds, 1e9);
-    timeval wait{static_cast<time_t>(capped), static_cast<suseconds_t>((capped - std::trunc(capped)) * 1e6)};
+    // plain conversions (no libm on the device): seconds >= 0 here, so the
+    // cast truncates
+    const double capped = seconds < 1e9 ? seconds : 1e9;
+    const auto whole = static_cast<time_t>(capped);
+    timeval wait{whole, static_cast<suseconds_t>((capped - static_cast<double>(whole)) * 1e6)};
     if (wait.tv_sec == 0 && wait.tv_usec == 0)
         wait.tv_usec = 1;  // a zero timeval would mean no bound at all
     if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) != 0 ||

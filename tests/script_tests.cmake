@@ -44,3 +44,6 @@ if(WS_CLIENT_LUAROCKS AND WS_CLIENT_LUA STREQUAL "5.1")
            COMMAND ${script_tests_dir}/package_test.sh rock ${PROJECT_SOURCE_DIR})
   set_tests_properties(rockspec PROPERTIES TIMEOUT 600)
 endif()
+
+# On the device the module needs the C and TLS libraries only.
+add_test(NAME module_dependencies COMMAND ${script_tests_dir}/module_deps.sh $<TARGET_FILE:ws_client>)

@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# Cross builds of the module, size-optimised and stripped, one per
+# architecture, each against a sysroot of that architecture's Debian
+# packages (scripts/sysroot.sh, cached in BUILD_ROOT/sysroot-ARCH):
+#   cross.sh [-t] BUILD_ROOT ARCH...
+# The module of ARCH is BUILD_ROOT/ARCH/ws_client.so. With -t each is also
+# tested under qemu-user (called directly, the sysroot as QEMU_LD_PREFIX):
+# that architecture's lua5.1, and luajit where Debian has it, run the
+# examples and the demo against the local peer on the host; on s390x (big
+# endian) the unit tests run too. An architecture whose packages cannot be
+# had is reported in one line and skipped.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+test=0
+[ "${1:-}" = -t ] && { test=1; shift; }
+build_root="$(mkdir -p "$1" && cd "$1" && pwd)"
+shift
+jobs="${JOBS:-2}"
+
+qemu_for() {
+  case "$1" in arm64) echo qemu-aarch64-static ;; armhf) echo qemu-arm-static ;; *) echo "qemu-$1-static" ;; esac
+}
+# The unit tests on s390x: all but three that need what qemu-user does not
+# emulate (select() on descriptors above 1023, select() leaving the time
+# that remained after a signal).
+unit_filter='-MainLoopTest.ServesAFullTableWithDescriptorsAbove1023:MainLoopTest.SignalsCutNeitherTheTimerNorSleep:ToolsTest.ConnectTimeoutConnectsOrReportsRefusedAndTimedOut'
+
+# build ARCH: sysroot, configure, module.
+build() {
+  local arch="$1" dir="$build_root/$1" sysroot="$build_root/sysroot-$1" status=0 deps
+  [ -f "$root/cmake/cross-$arch.cmake" ] || { echo "$arch: no toolchain file cmake/cross-$arch.cmake"; return 1; }
+  "$root/scripts/sysroot.sh" "$arch" "$sysroot" || status=$?
+  [ "$status" -eq 3 ] && { echo "$arch: skipped"; return 3; }
+  [ "$status" -eq 0 ] || return "$status"
+  CXXFLAGS="-ffunction-sections -fdata-sections" LDFLAGS="-Wl,--gc-sections -s" \
+    cmake -S "$root" -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/cross-$arch.cmake" \
+    -DWS_CLIENT_SYSROOT="$sysroot/root" -DCMAKE_CROSSCOMPILING_EMULATOR="$(qemu_for "$arch");-L;$sysroot/root" \
+    -DCMAKE_BUILD_TYPE=MinSizeRel \
+    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_SCRIPT_TESTS=OFF >"$dir.configure.log" 2>&1 ||
+    { cat "$dir.configure.log"; return 1; }
+  cmake --build "$dir" -j "$jobs" --target ws_client >"$dir.build.log" 2>&1 || { cat "$dir.build.log"; return 1; }
+  deps="$("$root/tests/module_deps.sh" "$dir/ws_client.so")" || status=1
+  echo "$arch: $(stat -c %s "$dir/ws_client.so") bytes stripped, $deps"
+  return "$status"
+}
+
+# interpreter ARCH LUA: the examples and the demo under that architecture's LUA.
+interpreter() {
+  local arch="$1" lua="$2" dir="$build_root/$1" sysroot="$build_root/sysroot-$1/root" start=$SECONDS
+  if [ ! -x "$sysroot/usr/bin/$lua" ]; then
+    echo "$arch $lua: not run, Debian has no $lua for $arch"
+    return 0
+  fi
+  # The interpreter as one command, for the examples' runner.
+  printf '#!/bin/sh\nQEMU_LD_PREFIX=%s exec %s %s "$@"\n' "$sysroot" "$(qemu_for "$arch")" "$sysroot/usr/bin/$lua" \
+    >"$dir/$lua"
+  chmod +x "$dir/$lua"
+  if ECONNREFUSED_NUMBER="$(case "$arch" in mips*) echo 146 ;; *) echo 111 ;; esac)" \
+    "$root/tests/examples_test.sh" "$dir/$lua" "$dir" >"$dir/$lua.log" 2>&1; then
+    echo "$arch $lua: examples and demo passed ($((SECONDS - start)) s)"
+  else
+    echo "$arch $lua: FAILED ($((SECONDS - start)) s)" && sed 's/^/    /' "$dir/$lua.log"
+    return 1
+  fi
+}
+
+# unit_tests ARCH: built (unoptimised: it compiles twice as fast) while the
+# interpreters' legs wait on the peer, then run.
+unit_tests() {
+  local arch="$1" dir="$build_root/$1-tests" sysroot="$build_root/sysroot-$1/root" start=$SECONDS
+  if ! grep -q libgtest-dev "$sysroot/.complete"; then
+    echo "$arch unit tests: not run, GoogleTest for $arch cannot be had"
+    return 0
+  fi
+  { cmake -S "$root" -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/cross-$arch.cmake" -DWS_CLIENT_SYSROOT="$sysroot" \
+      -DCMAKE_CROSSCOMPILING_EMULATOR="$(qemu_for "$arch");-L;$sysroot" -DCMAKE_BUILD_TYPE=Plain \
+      -DWS_CLIENT_SCRIPT_TESTS=OFF && cmake --build "$dir" -j "$jobs" --target ws_client_tests; } >"$dir.build.log" 2>&1 ||
+    { echo "$arch unit tests: build FAILED" && cat "$dir.build.log"; return 1; }
+  local built=$((SECONDS - start))
+  start=$SECONDS
+  if QEMU_LD_PREFIX="$sysroot" timeout 600 "$(qemu_for "$arch")" "$dir/tests/ws_client_tests" \
+    --gtest_filter="$unit_filter" >"$dir/unit.log" 2>&1; then
+    echo "$arch unit tests: $(grep -c '^\[       OK' "$dir/unit.log") passed ($((SECONDS - start)) s, built in $built s)"
+  else
+    echo "$arch unit tests: FAILED ($((SECONDS - start)) s)" && sed 's/^/    /' "$dir/unit.log"
+    return 1
+  fi
+}
+
+failed=0
+built=()
+for arch in "$@"; do
+  status=0
+  build "$arch" || status=$?
+  case "$status" in 0) built+=("$arch") ;; 3) ;; *) echo "$arch: build FAILED"; failed=1 ;; esac
+done
+if [ "$test" -eq 1 ] && [ ${#built[@]} -gt 0 ]; then
+  # The legs mostly wait on the peer: all of them run side by side.
+  pids=()
+  rm -f "$build_root"/*.leg
+  for arch in "${built[@]}"; do
+    for lua in lua5.1 luajit; do interpreter "$arch" "$lua" >"$build_root/$arch.$lua.leg" 2>&1 & pids+=($!); done
+  done
+  for arch in "${built[@]}"; do
+    [ "$arch" = s390x ] && { unit_tests "$arch" >"$build_root/$arch.unit.leg" 2>&1 || failed=1; }
+  done
+  for pid in "${pids[@]}"; do wait "$pid" || failed=1; done
+  for arch in "${built[@]}"; do cat "$build_root/$arch".*.leg; done
+fi
+exit "$failed"
