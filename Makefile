@@ -79,19 +79,24 @@ dist:
 # Cross builds: size-optimised, stripped, one per architecture in
 # $(CROSS_BUILD)/ARCH/ws_client.so, each against a sysroot of that
 # architecture's Debian packages cached in $(CROSS_BUILD)/sysroot-ARCH.
-# `make cross ARCH=arm64` for one (only ARCH given on the command line counts).
+# `make cross ARCH=arm64` for one (only ARCH given on the command line counts);
+# `make cross TLS=mbedtls` (or wolfssl) builds on that TLS library instead, in
+# $(CROSS_BUILD)/ARCH-TLS.
 CROSS_ARCHES := arm64 armhf mipsel s390x
 ifneq ($(origin ARCH),command line)
 ARCH := $(CROSS_ARCHES)
 endif
+TLS ?= openssl
 cross:
 	@scripts/deps.sh cross
-	JOBS=$(JOBS) scripts/cross.sh $(CROSS_BUILD) $(ARCH)
+	JOBS=$(JOBS) TLS=$(TLS) scripts/cross.sh $(CROSS_BUILD) $(ARCH)
 
-# The cross builds under qemu-user against the local peer (and the unit tests on s390x).
+# The cross builds under qemu-user against the local peer (and the unit tests
+# on s390x); one more leg on mbedTLS, the small-device TLS library, on arm64.
 test-cross:
 	@scripts/deps.sh cross
-	JOBS=$(JOBS) scripts/cross.sh -t $(CROSS_BUILD) $(ARCH)
+	JOBS=$(JOBS) TLS=$(TLS) scripts/cross.sh -t $(CROSS_BUILD) $(ARCH)
+	JOBS=$(JOBS) TLS=mbedtls scripts/cross.sh -t $(CROSS_BUILD) arm64
 
 test: test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross
 

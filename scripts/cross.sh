@@ -8,7 +8,8 @@
 # that architecture's lua5.1, and luajit where Debian has it, run the
 # examples and the demo against the local peer on the host; on s390x (big
 # endian) the unit tests run too. An architecture whose packages cannot be
-# had is reported in one line and skipped.
+# had is reported in one line and skipped. TLS=mbedtls or TLS=wolfssl builds
+# on that library instead of OpenSSL, in BUILD_ROOT/ARCH-TLS.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 test=0
@@ -16,6 +17,9 @@ test=0
 build_root="$(mkdir -p "$1" && cd "$1" && pwd)"
 shift
 jobs="${JOBS:-2}"
+tls="${TLS:-openssl}"
+suffix=""
+[ "$tls" = openssl ] || suffix="-$tls"
 
 qemu_for() {
   case "$1" in arm64) echo qemu-aarch64-static ;; armhf) echo qemu-arm-static ;; *) echo "qemu-$1-static" ;; esac
@@ -27,7 +31,7 @@ unit_filter='-MainLoopTest.ServesAFullTableWithDescriptorsAbove1023:MainLoopTest
 
 # build ARCH: sysroot, configure, module.
 build() {
-  local arch="$1" dir="$build_root/$1" sysroot="$build_root/sysroot-$1" status=0 deps
+  local arch="$1" dir="$build_root/$1$suffix" sysroot="$build_root/sysroot-$1" status=0 deps
   [ -f "$root/cmake/cross-$arch.cmake" ] || { echo "$arch: no toolchain file cmake/cross-$arch.cmake"; return 1; }
   "$root/scripts/sysroot.sh" "$arch" "$sysroot" || status=$?
   [ "$status" -eq 3 ] && { echo "$arch: skipped"; return 3; }
@@ -35,20 +39,21 @@ build() {
   CXXFLAGS="-ffunction-sections -fdata-sections" LDFLAGS="-Wl,--gc-sections -s" \
     cmake -S "$root" -B "$dir" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/cross-$arch.cmake" \
     -DWS_CLIENT_SYSROOT="$sysroot/root" -DCMAKE_CROSSCOMPILING_EMULATOR="$(qemu_for "$arch");-L;$sysroot/root" \
-    -DCMAKE_BUILD_TYPE=MinSizeRel \
+    -DCMAKE_BUILD_TYPE=MinSizeRel -DWS_CLIENT_TLS="$tls" \
     -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_SCRIPT_TESTS=OFF >"$dir.configure.log" 2>&1 ||
     { cat "$dir.configure.log"; return 1; }
   cmake --build "$dir" -j "$jobs" --target ws_client >"$dir.build.log" 2>&1 || { cat "$dir.build.log"; return 1; }
   deps="$("$root/tests/module_deps.sh" "$dir/ws_client.so")" || status=1
-  echo "$arch: $(stat -c %s "$dir/ws_client.so") bytes stripped, $deps"
+  echo "$arch$suffix: $(stat -c %s "$dir/ws_client.so") bytes stripped, $deps"
   return "$status"
 }
 
 # interpreter ARCH LUA: the examples and the demo under that architecture's LUA.
 interpreter() {
-  local arch="$1" lua="$2" dir="$build_root/$1" sysroot="$build_root/sysroot-$1/root" start=$SECONDS
+  local arch="$1" lua="$2" dir="$build_root/$1$suffix" sysroot="$build_root/sysroot-$1/root" start=$SECONDS
+  local name="$1$suffix"
   if [ ! -x "$sysroot/usr/bin/$lua" ]; then
-    echo "$arch $lua: not run, Debian has no $lua for $arch"
+    echo "$name $lua: not run, Debian has no $lua for $arch"
     return 0
   fi
   # The interpreter as one command, for the examples' runner.
@@ -57,9 +62,9 @@ interpreter() {
   chmod +x "$dir/$lua"
   if ECONNREFUSED_NUMBER="$(case "$arch" in mips*) echo 146 ;; *) echo 111 ;; esac)" \
     "$root/tests/examples_test.sh" "$dir/$lua" "$dir" >"$dir/$lua.log" 2>&1; then
-    echo "$arch $lua: examples and demo passed ($((SECONDS - start)) s)"
+    echo "$name $lua: examples and demo passed ($((SECONDS - start)) s)"
   else
-    echo "$arch $lua: FAILED ($((SECONDS - start)) s)" && sed 's/^/    /' "$dir/$lua.log"
+    echo "$name $lua: FAILED ($((SECONDS - start)) s)" && sed 's/^/    /' "$dir/$lua.log"
     return 1
   fi
 }
@@ -99,12 +104,12 @@ if [ "$test" -eq 1 ] && [ ${#built[@]} -gt 0 ]; then
   pids=()
   rm -f "$build_root"/*.leg
   for arch in "${built[@]}"; do
-    for lua in lua5.1 luajit; do interpreter "$arch" "$lua" >"$build_root/$arch.$lua.leg" 2>&1 & pids+=($!); done
+    for lua in lua5.1 luajit; do interpreter "$arch" "$lua" >"$build_root/$arch$suffix.$lua.leg" 2>&1 & pids+=($!); done
   done
   for arch in "${built[@]}"; do
     [ "$arch" = s390x ] && { unit_tests "$arch" >"$build_root/$arch.unit.leg" 2>&1 || failed=1; }
   done
   for pid in "${pids[@]}"; do wait "$pid" || failed=1; done
-  for arch in "${built[@]}"; do cat "$build_root/$arch".*.leg; done
+  for arch in "${built[@]}"; do cat "$build_root/$arch$suffix".*.leg; done
 fi
 exit "$failed"

@@ -12,10 +12,13 @@ set -euo pipefail
 arch="$1" dir="$(mkdir -p "$2" && cd "$2" && pwd)"
 # Run on the target: these and everything they depend on. Built against:
 # the development packages alone.
+# Every TLS library the module can be built on is there, so one sysroot serves
+# each choice.
 runtime=(libssl3 lua5.1)
 development=(libssl-dev liblua5.1-0-dev)
-optional=(luajit)
-[ "$arch" = s390x ] && optional+=(libstdc++6) development_optional=(libgtest-dev libgmock-dev)
+optional=(luajit libmbedtls14 libwolfssl35)
+development_optional=(libmbedtls-dev libwolfssl-dev)
+[ "$arch" = s390x ] && optional+=(libstdc++6) development_optional+=(libgtest-dev libgmock-dev)
 
 wanted="${runtime[*]} ${development[*]} ${optional[*]} ${development_optional[*]:-}"
 if [ -f "$dir/root/.complete" ] && [ "$(head -1 "$dir/root/.complete")" = "$wanted" ]; then
