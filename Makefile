@@ -7,7 +7,7 @@ BENCH_BUILD ?= build-bench
 LUAJIT_BUILD ?= build-luajit
 JOBS       ?= $(shell nproc)
 
-.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench clean
+.PHONY: deps build demo test test-plain test-asan test-luajit test-fuzz bench mutants clean
 
 deps:
 	@scripts/deps.sh
@@ -49,6 +49,12 @@ test-fuzz: deps
 
 test: test-plain test-asan test-luajit test-fuzz
 
+# Every mutant of tools/mutants.txt against the fast tests (incremental builds
+# in build-mutants/); the table ends with `killed K of N` and names every
+# mutant the baseline run killed that survives now.
+mutants: deps
+	@tools/mutate.py --killed build-mutants/killed.txt --baseline tools/mutants-baseline-killed.txt
+
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
 	cmake --build $(BENCH_BUILD) -j $(JOBS)
@@ -59,4 +65,4 @@ bench: deps
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(LUAJIT_BUILD) build-mutants
