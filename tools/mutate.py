@@ -74,7 +74,10 @@ def parse_list(path):
 
 def tracked_files():
     listed = subprocess.run(["git", "ls-files", "--cached", "--others", "--exclude-standard", "-z"],
-                            cwd=ROOT, capture_output=True, check=True).stdout.decode()
+                            cwd=ROOT, capture_output=True).stdout.decode()
+    if not listed:  # an exported tree: everything but build directories
+        return [os.path.relpath(os.path.join(d, f), ROOT) for d, dirs, files in os.walk(ROOT)
+                if not os.path.relpath(d, ROOT).startswith("build") for f in files]
     return [f for f in listed.split("\0") if f and os.path.isfile(os.path.join(ROOT, f))]
 
 
