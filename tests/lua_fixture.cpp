@@ -1,65 +1,17 @@
 #include "lua_fixture.h"
 
+#include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
+#include "luacli.h"
 #include "tcp.h"
-
-void LuaTest::SetUp() {
-    std::fill(std::begin(socktbl), std::end(socktbl), 0);
-    L = luaL_newstate();
-    ASSERT_NE(L, nullptr);
-    luaL_openlibs(L);
-    lua_getglobal(L, "package");
-    lua_getfield(L, -1, "preload");
-    lua_pushcfunction(L, luaopen_ws_client);
-    lua_setfield(L, -2, "ws_client");
-    lua_settop(L, 0);
-    ASSERT_EQ(run("ws = require('ws_client')"), "");
-}
-
-void LuaTest::TearDown() {
-    lua_close(L);
-    std::fill(std::begin(socktbl), std::end(socktbl), 0);
-    debug_log_set_path("NULL");
-}
-
-std::string LuaTest::run(const std::string& code) {
-    lua_settop(L, 0);
-    const bool ok = luaL_loadbuffer(L, code.data(), code.size(), "snippet") == 0 && lua_pcall(L, 0, 0, 0) == 0;
-    const char* message = ok ? "" : lua_tostring(L, -1);
-    std::string result = message != nullptr ? message : "(non-string error)";
-    lua_settop(L, 0);
-    return result;
-}
-
-void LuaTest::expose(const char* name, lua_CFunction function) { lua_pushcfunction(L, function), lua_setglobal(L, name); }
-
-std::string LuaTest::global_string(const char* name) {
-    lua_getglobal(L, name);
-    size_t length = 0;
-    const char* text = lua_tolstring(L, -1, &length);
-    std::string result = text != nullptr ? std::string(text, length) : "(nil)";
-    lua_pop(L, 1);
-    return result;
-}
-
-double LuaTest::global_number(const char* name) {
-    lua_getglobal(L, name);
-    const double value = lua_tonumber(L, -1);
-    lua_pop(L, 1);
-    return value;
-}
-
-void LuaTest::set_global(const char* name, double value) { lua_pushnumber(L, value), lua_setglobal(L, name); }
-
-void LuaTest::set_global(const char* name, const std::string& value) {
-    lua_pushlstring(L, value.data(), value.size()), lua_setglobal(L, name);
-}
-
-// ---- SocketTest ----
+#include "tools.h"
 
 namespace {
 
@@ -67,30 +19,30 @@ sock_header* record_arg(lua_State* L) {
     luaL_checktype(L, 1, LUA_TUSERDATA);
     return static_cast<sock_header*>(lua_touserdata(L, 1));
 }
-
 int arg(lua_State* L, int index) { return static_cast<int>(luaL_checkinteger(L, index)); }
 int push(lua_State* L, lua_Number value) { return lua_pushnumber(L, value), 1; }
 
 int peer_recv(lua_State* L) {
-    const int fd = arg(L, 1);
     static char buffer[65536];
     sockaddr_in from{};
     socklen_t length = sizeof from;
     const auto wait = std::chrono::milliseconds(static_cast<int>(luaL_optnumber(L, 2, 2) * 1000));
-    const ssize_t got = !peers::wait_readable(fd, wait) ? -1 : recvfrom(fd, buffer, sizeof buffer, 0,
-                                                                       reinterpret_cast<sockaddr*>(&from), &length);
+    const ssize_t got = !peers::wait_readable(arg(L, 1), wait)
+                            ? -1 : recvfrom(arg(L, 1), buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
     if (got < 0)
         return 0;
     lua_pushlstring(L, buffer, static_cast<size_t>(got));
     return push(L, ntohs(from.sin_port)) + 1;
 }
 
-const luaL_Reg socket_probes[] = {
+const luaL_Reg probes[] = {
     {"fd_of", [](lua_State* L) { return push(L, record_arg(L)->sockfd); }},
     {"status_of", [](lua_State* L) { return push(L, record_arg(L)->status); }},
-    {"copy_tcp", [](lua_State* L) {
-         const tcp_record record = *check_tcp_client(L, 1);
-         return push_record_copy(L, record, METATABLE_TCP), 1;
+    {"copy_of", [](lua_State* L) {
+         const void* from = record_arg(L);
+         std::memcpy(lua_newuserdata(L, lua_objlen(L, 1)), from, lua_objlen(L, 1));
+         lua_getmetatable(L, 1);
+         return lua_setmetatable(L, -2), 1;
      }},
     {"recv_tcp", [](lua_State* L) {
          int err = 0;
@@ -101,8 +53,7 @@ const luaL_Reg socket_probes[] = {
     {"bind_loopback", [](lua_State* L) { return push(L, peers::bind_loopback(record_arg(L)->sockfd)); }},
     {"peer_open", [](lua_State* L) {
          const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-         push(L, fd);
-         return push(L, peers::bind_loopback(fd)) + 1;
+         return push(L, fd) + push(L, peers::bind_loopback(fd));
      }},
     {"peer_send", [](lua_State* L) {
          const sockaddr_in to = peers::loopback(static_cast<uint16_t>(arg(L, 2)));
@@ -120,45 +71,55 @@ const luaL_Reg socket_probes[] = {
      }},
 };
 
+constexpr const char* kHelpers = R"(
+    ws = require("ws_client")
+    local events_ = {}
+    function note(text) events_[#events_ + 1] = text end
+    function clear_events() events_ = {} end
+    function events() return table.concat(events_, "|") end
+    function opts(t)
+      t.on_open = t.on_open or function() note("open") end
+      t.on_message = t.on_message or function(data, from, p) message, from_, port_ = data, from, p; note("message") end
+      t.on_error = t.on_error or function(e, text) note("error:" .. e .. ":" .. text) end
+      t.on_close = t.on_close or function(reason) note("close:" .. reason) end
+      return t
+    end
+    function tcp_opts(port, ...)
+      local t = { type = 1, ip = "127.0.0.1", port = port, crt = "", prikey = "", is_secure = 0 }
+      for _, extra in ipairs({ ... }) do for k, v in pairs(extra) do t[k] = v end end
+      return opts(t)
+    end
+    function deadline(seconds, also)
+      local t0 = now()
+      return function()
+        if also then also() end
+        if now() - t0 > seconds then timed_out = true; ws.loop_stop() end
+      end
+    end
+)";
+
 }  // namespace
 
 void SocketTest::SetUp() {
     first_free_fd_ = open("/dev/null", O_RDONLY);
     close(first_free_fd_);
-    LuaTest::SetUp();
-    for (const luaL_Reg& probe : socket_probes)
+    std::fill(std::begin(socktbl), std::end(socktbl), 0);
+    L = luaL_newstate();
+    luaL_openlibs(L);
+    lua_getglobal(L, "package");
+    lua_getfield(L, -1, "preload");
+    lua_pushcfunction(L, luaopen_ws_client);
+    lua_setfield(L, -2, "ws_client");
+    for (const luaL_Reg& probe : probes)
         expose(probe.name, probe.func);
-    LUA_OK(R"(
-        local events_ = {}
-        function note(text) events_[#events_ + 1] = text end
-        function clear_events() events_ = {} end
-        function events() return table.concat(events_, "|") end
-        function opts(t)
-          t.on_open = t.on_open or function() note("open") end
-          t.on_message = t.on_message or function(data, from, p) message, from_, port_ = data, from, p; note("message") end
-          t.on_error = t.on_error or function(e, text) note("error:" .. e .. ":" .. text) end
-          t.on_close = t.on_close or function(reason) note("close:" .. reason) end
-          return t
-        end
-        function tcp_opts(port, ...)  -- then the fields of each table given
-          local t = { type = 1, ip = "127.0.0.1", port = port, crt = "", prikey = "", is_secure = 0 }
-          for _, extra in ipairs({ ... }) do for k, v in pairs(extra) do t[k] = v end end
-          return opts(t)
-        end
-        function deadline(seconds, also)
-          local t0 = now()
-          return function()
-            if also then also() end
-            if now() - t0 > seconds then timed_out = true; ws.loop_stop() end
-          end
-        end
-    )");
+    LUA_OK(kHelpers);
 }
 
 void SocketTest::TearDown() {
-    LuaTest::TearDown();
-    // What the test left open (module objects and peers), so that the tests
-    // of one process do not run out of descriptors.
+    lua_close(L);
+    std::fill(std::begin(socktbl), std::end(socktbl), 0);
+    debug_log_set_path("NULL");
+    // What the test left open, so that one process does not run out of descriptors.
     for (int fd = first_free_fd_; fd < first_free_fd_ + 4096; ++fd) {
         struct stat status {};
         if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
@@ -166,12 +127,17 @@ void SocketTest::TearDown() {
     }
 }
 
+std::string SocketTest::run(const std::string& code, bool result) {
+    lua_settop(L, 0);
+    const bool ok = luaL_loadbuffer(L, code.data(), code.size(), "snippet") == 0 && lua_pcall(L, 0, 1, 0) == 0;
+    const char* text = ok && !result ? "" : lua_tostring(L, -1);
+    std::string out = text != nullptr ? text : "(not text)";
+    lua_settop(L, 0);
+    return out;
+}
+
 std::string file_text(const std::string& path) {
     std::stringstream text;
     text << std::ifstream(path).rdbuf();
     return text.str();
-}
-
-std::string SocketTest::events() {
-    return run("events_text = events()").empty() ? global_string("events_text") : "(events failed)";
 }

@@ -22,13 +22,6 @@ add_test(NAME install_destdir_${WS_CLIENT_LUA_BIN}
                  ${WS_CLIENT_INTERPRETER})
 set_tests_properties(install_destdir_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 120)
 
-# The peer itself, against independent clients; once is enough.
-if(NOT WS_CLIENT_LUAJIT)
-  add_test(NAME local_peer
-           COMMAND ${PROJECT_SOURCE_DIR}/scripts/with_peer.sh -t 120 -- /usr/bin/python3 ${script_tests_dir}/peer_test.py)
-  set_tests_properties(local_peer PROPERTIES TIMEOUT 150)
-endif()
-
 # The rock is built for Lua 5.1 only: one build of it is enough.
 find_program(WS_CLIENT_LUAROCKS luarocks)
 if(WS_CLIENT_LUAROCKS AND NOT WS_CLIENT_LUAJIT)

@@ -221,23 +221,4 @@ std::string tls_server::stop() {
     return printed;
 }
 
-echo_server::echo_server(bool tls) {
-    int printed[2];  // the port
-    if (pipe(printed) != 0)
-        return;
-    const std::string command = "exec /usr/bin/python3 '" WS_CLIENT_SOURCE_DIR "/tests/peers/ws_echo_server.py'" +
-                                std::string(tls ? " --tls" : "") + " >/dev/fd/" + std::to_string(printed[1]);
-    input = popen(command.c_str(), "we");  // the server leaves when its input closes
-    close(printed[1]);
-    FILE* output = fdopen(printed[0], "r");
-    if (input == nullptr || !wait_readable(printed[0], 10000ms) || std::fscanf(output, "%hu", &port) != 1)
-        port = 0;
-    std::fclose(output);
-}
-
-echo_server::~echo_server() {
-    if (input != nullptr)
-        pclose(input);
-}
-
 }  // namespace peers

@@ -1,6 +1,6 @@
 // Test peers on 127.0.0.1: loopback helpers, an in-process server playing a
-// script of steps on one connection, and independent servers (`openssl
-// s_server`, python3-websockets) with certificates made at test time.
+// script of steps on one connection, and `openssl s_server` with
+// certificates made at test time.
 #pragma once
 
 #include <netinet/in.h>
@@ -74,13 +74,6 @@ struct tls_server {
     FILE* output = nullptr;
     uint16_t port = 0;
     std::string printed;
-};
-
-struct echo_server {  // ws_echo_server.py; stopped when destroyed; port 0 if it did not start
-    explicit echo_server(bool tls);
-    ~echo_server();
-    FILE* input = nullptr;
-    uint16_t port = 0;
 };
 
 }  // namespace peers

@@ -1,0 +1,110 @@
+// The Lua-free cores on crafted inputs: chunked decoding, the handshake's
+// key, accept value and answer check, URL splitting; and the socket table.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <vector>
+
+#include "chunked.h"
+#include "handshake.h"
+#include "lua_fixture.h"
+#include "luacli.h"
+#include "tools.h"
+
+TEST(Chunked, HexSizesAndDesignedDecodes) {
+    for (const auto& [text, value] : {std::pair{"0X1f", 31}, {"1A;ext", 26}, {"g", 16}, {"ffffffff", -1}})
+        EXPECT_EQ(htoi(text), value) << text;
+    const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const struct {
+        std::string text;
+        int complete;
+        std::string body;
+        std::size_t capacity = 1 << 20;
+    } cases[] = {
+        {head + "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n", 1, "hello world"},
+        {head + "7\r\nab0\r\n\r\n\r\n3\r\nxyz\r\n0\r\n\r\n", 0, "ab0\r\n\r\n"},  // the first final pattern ends it
+        {head + "5\r\nhello\r\n0\r\nX-T: 1\r\n\r\n", 0, ""},                     // trailers: no final pattern
+        {head + "5\r\nhello\n\n0\r\n\r\n", 0, ""},
+        {head + "5\r\nhello\rX0\r\n\r\n", 0, ""},
+        {head + "7fffffff\r\nabc\r\n0\r\n\r\n", 0, ""},
+        {head + std::string(CHUNK_LINE_SPAN - 1, '1') + "\r\n0\r\n\r\n", 0, ""},  // line end past the span
+        {head + "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n", 0, "hello", 8},  // the body space bounds the writes
+    };
+    for (const auto& c : cases) {
+        std::vector<char> body(c.capacity);
+        std::size_t length = 0;
+        EXPECT_EQ(de_chunked(c.text, body, &length), c.complete) << c.text;
+        EXPECT_EQ(std::string(body.data(), length), c.body) << c.text;
+    }
+}
+
+TEST(Handshake, AcceptKeyAndAnswerChecks) {
+    const std::string accept = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";  // RFC 6455's example
+    char value[TEXT_FIELD_SIZE];
+    sec_websocket_accept("dGhlIHNhbXBsZSBub25jZQ==", value);
+    EXPECT_EQ(value, accept);
+    sec_websocket_key(value);
+    EXPECT_THAT(value, MatchesRegex("[A-Za-z0-9+/]{22}=="));
+    const std::pair<std::string, int> answers[] = {
+        {"HTTP/1.1 101 Switching Protocols\r\nSec-WebSocket-Accept: " + accept + "\r\n\r\n", 1},
+        {"HTTP/1.1 101\r\nSec-WebSocket-Accept:\r\nX: " + accept + "\r\n\r\n", 1},
+        {"HTTP/1.1 200 OK\r\nSec-WebSocket-Accept: " + accept + "\r\n\r\n", -1},
+        {"HTTP/1.1 101 " + accept + "\r\nSec-WebSocket-Accept: no\r\n\r\n", -1},
+        {"HTTP/1.1 101 Switching Protocols\r\n", -1},
+        {"", -1},  // closed without an answer
+    };
+    for (const auto& [answer, result] : answers) {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        ASSERT_EQ(send(pair[1], answer.data(), answer.size(), 0), static_cast<ssize_t>(answer.size()));
+        shutdown(pair[1], SHUT_WR);
+        ws_record ws{};
+        ws.sockfd = pair[0];
+        std::strcpy(ws.sec_ws_accept, accept.c_str());
+        EXPECT_EQ(handshake_result(&ws), result) << answer;
+        close(pair[0]);
+        close(pair[1]);
+    }
+}
+
+TEST(Url, PrefixDecidesTheSchemeAndEverySlashSplits) {
+    const std::string long_path = "/" + std::string(198, 'p');
+    const std::tuple<std::string, int, std::string> rows[] = {  // url, is_secure, host|path or -1
+        {"ws://example/chat", 0, "example|/chat"}, {"wssx://h/a/b?x=1", 1, "h|/a/b?x=1"}, {"ws://h", 0, "h|"},
+        {"ws://user@h:8080//a//", 0, "user@h:8080|/a"}, {"WS://h", -1, "h|"}, {"ws://", 0, "-1"},
+        {"ws://h" + long_path, 0, "h|" + long_path}, {"ws://h" + long_path + "p", 0, "-1"}};
+    for (const auto& [url, secure, split] : rows) {
+        char copy[400], host[TEXT_FIELD_SIZE] = "", path[TEXT_FIELD_SIZE] = "";
+        EXPECT_EQ(is_secure(std::strcpy(copy, url.c_str())), secure) << url;
+        EXPECT_EQ(get_host_path(copy, host, path) == -1 ? "-1" : std::string(host) + "|" + path, split) << url;
+    }
+}
+
+TEST(SocketTable, AddIsIdempotentAndRemovalCloseUpTheGap) {
+    std::fill(std::begin(socktbl), std::end(socktbl), 0);
+    for (int32_t fd = 100; fd < 100 + SOCKET_TABLE_SIZE; ++fd)
+        ASSERT_EQ(sock_add(fd), fd - 100);
+    EXPECT_EQ(sock_add(150), 50);
+    EXPECT_EQ(sock_add(5000), -1) << "full";
+    EXPECT_EQ(sock_rem(100), 1);
+    EXPECT_EQ(sock_rem(100), -1);
+    EXPECT_EQ(socktbl[0], 101);
+    EXPECT_EQ(socktbl[SOCKET_TABLE_SIZE - 2], 100 + SOCKET_TABLE_SIZE - 1);
+    EXPECT_EQ(socktbl[SOCKET_TABLE_SIZE - 1], 0);
+    std::fill(std::begin(socktbl), std::end(socktbl), 0);
+}
+
+// Off by default; one line per call in the designed format; errno survives.
+TEST_F(SocketTest, DebugLogBetweenSetDebugAndNULL) {
+    const std::string log = testing::TempDir() + "ws_client_debug" + std::to_string(getpid()) + ".log";
+    std::remove(log.c_str());
+    LUA_OK("ws.set_debug(" + quoted(log) + ")");
+    errno = ECONNRESET;
+    debug_log_write("tcp", "tcp_recv", 47, "n=%d\n", 3);
+    EXPECT_EQ(errno, ECONNRESET);
+    LUA_OK("ws.set_debug('NULL'); ws.udp_new()");
+    EXPECT_THAT(file_text(log), MatchesRegex("\\[Time: [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} [0-9]{4}, "
+                                             "File: tcp, Function: tcp_recv, Line: 00047\\]: n=3\n"));
+    std::remove(log.c_str());
+}

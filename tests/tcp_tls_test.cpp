@@ -1,0 +1,170 @@
+// The TCP client, plain and over TLS, against peers on 127.0.0.1, and the
+// connect with a time-out under it.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "lua_fixture.h"
+#include "luacli.h"
+#include "tcp.h"
+#include "tools.h"
+
+namespace {
+
+const peers::certificates& certs() {  // made once, removed at exit
+    static const peers::certificates made;
+    return made;
+}
+bool is_blocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0; }
+const std::string kReset = "(" + std::string(std::strerror(ECONNRESET)) + "|" + std::strerror(EPIPE) + ")";
+
+class TcpTest : public SocketTest {
+protected:
+    void SetUp() override {
+        SocketTest::SetUp();
+        LUA_OK("certs = " + quoted(certs().dir.string() + "/") + "\nfunction tls_opts(port, extra) return tcp_opts("
+               "port, { is_secure = 1, crt = certs .. 'client.crt', prikey = certs .. 'client.key' }, extra) end");
+    }
+    void TearDown() override {
+        EXPECT_EQ(tls_live_count(), 0u) << "every TLS session is freed once closed";
+        SocketTest::TearDown();
+    }
+    // Connects `conn` to a peer playing `steps`, then runs `snippet`; what the client sent.
+    std::string with_peer(std::vector<step> steps, const std::string& snippet, int port_offset = 0) {
+        peers::script_peer peer(std::move(steps));
+        EXPECT_EQ(run("conn = ws.tcp_connect(ws.tcp_new(), tcp_opts(" + std::to_string(peer.port + port_offset) +
+                      "))\n" + snippet), "");
+        return peer.transcript();
+    }
+};
+
+}  // namespace
+
+// on_open runs before the connect returns the registered object (the port
+// counts modulo 65536); sends carry text up to a zero byte; closing a copy
+// marks the registered object closed; the close undoes everything once.
+TEST_F(TcpTest, ConnectSendAndClose) {
+    EXPECT_THAT(run("ws.tcp_send(ws.tcp_new(), 'x')"), HasSubstr("attempt to index")) << "never connected";
+    const std::string sent = with_peer({{step::read, "", 6}}, R"(
+        fd = fd_of(conn)
+        assert(rawequal(debug.getregistry()["udata-" .. fd], conn) and status_of(conn) == 2 and events() == "open")
+        assert(ws.tcp_send(conn, "ab\0cd") == 2 and ws.tcp_send(conn, 12.5) == 4)
+        copy = copy_of(conn)
+        ws.tcp_close(copy)
+        assert(ws.tcp_send(conn, "x") == -1 and ws.tcp_send(copy, "x") == -1 and status_of(conn) == 0)
+        assert(fd_of(copy) == -1 and not fd_is_open(fd))
+    )", 65536);
+    EXPECT_EQ(sent, "ab12.5");
+    EXPECT_THAT(events(), MatchesRegex("open\\|close:User do close\\|error:[0-9]+:Socket has been closed!"));
+    EXPECT_EQ(socktbl[0], 0);
+    EXPECT_THAT(run("ws.tcp_close(copy)"), HasSubstr("attempt to index"));
+    ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL) << "the host's default disposition stays in force";
+    LUA_OK("clear_events()");
+    with_peer({{step::reset}}, "recv_tcp(fd_of(conn)); assert(ws.tcp_send(conn, 'x') == -1 and status_of(conn) == 0)");
+    EXPECT_THAT(events(), MatchesRegex("open\\|error:[0-9]+:" + kReset + "\\|close:send fail"));
+}
+
+// Refused; a name (not resolved: all ones); TLS without a usable key (before
+// any connect) or against a plain server; a full table; a field too long.
+TEST_F(TcpTest, FailedConnectsReportErrorThenClose) {
+    peers::script_peer refused({}), plain({{step::send, "HTTP/1.0 400 Bad Request\r\n\r\n"}});
+    const std::string port = std::to_string(refused.port);
+    LUA_OK("assert(ws.tcp_connect(ws.tcp_new(), tcp_opts(" + port + ")) == nil)\n"
+           "ws.tcp_connect(ws.tcp_new(), tcp_opts(80, { ip = 'localhost' }))\n"
+           "for _, k in ipairs({ 'crt', 'prikey' }) do ws.tcp_connect(ws.tcp_new(), tls_opts(" + port + ", { [k] = '' })) end\n"
+           "ws.tcp_connect(ws.tcp_new(), tls_opts(" + port + ", { prikey = certs .. 'other.key' }))\n"
+           "ws.tcp_connect(ws.tcp_new(), tls_opts(" + std::to_string(plain.port) + "))");
+    const std::string refused_text = std::strerror(ECONNREFUSED), unreachable = std::strerror(ENETUNREACH);
+    EXPECT_THAT(events(), MatchesRegex("error:" + std::to_string(ECONNREFUSED) + ":" + refused_text + "\\|close:" +
+                                       refused_text + "\\|error:" + std::to_string(ENETUNREACH) + ":" + unreachable +
+                                       "\\|close:" + unreachable + "(\\|error:[0-9]+:ssl init fail\\|close:ssl init fail){3}"
+                                       "\\|error:[0-9]+:ssl_connect_fail\\|close:ssl_connect_fail"));
+    EXPECT_THAT(run("ws.tcp_connect(ws.tcp_new(), tcp_opts(80, { ip = string.rep('1', 200) }))"),
+                HasSubstr("field 'ip' is longer than 199 characters"));
+    std::fill(std::begin(socktbl), std::end(socktbl), 100000);
+    LUA_OK("clear_events()");
+    with_peer({{step::drain}}, "assert(conn == nil)");
+    EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:socktbl is full now"));
+}
+
+// What on_message gets and the receive path returns: a chunked response
+// decoded, raw fallbacks, a text cut at its zero byte; every byte counts.
+TEST_F(TcpTest, ReceiveDecodesChunkedOrPassesRawText) {
+    const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n";
+    const std::pair<std::string, std::string> cases[] = {  // reply, message ("": raw)
+        {head + "\r\n5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n", head + "hello world\r\n"},
+        {head + "\r\n5\r\nhello\r\n6\r\n worldXX0\r\n\r\n", head + "hello\r\n"},
+        {head + "\r\n5\r\nhelloXX6\r\n world\r\n0\r\n\r\n", ""},
+        {std::string("abc\0def", 7) + std::string(1000, 'x'), "abc"},
+    };
+    for (const auto& [reply, message] : cases) {
+        with_peer({{step::send, reply}}, "n = recv_tcp(fd_of(conn)); ws.tcp_close(conn)");
+        EXPECT_EQ(eval("message"), message.empty() ? reply : message);
+        EXPECT_EQ(num("n"), static_cast<double>(reply.size()));
+    }
+    with_peer({{step::send, std::string(3 * TCP_RECV_BUFFER_SIZE / 2, 'q')}}, "n = recv_tcp(fd_of(conn))");
+    EXPECT_GT(num("n"), static_cast<double>(TCP_RECV_BUFFER_SIZE - 2048));
+    EXPECT_LT(num("n"), static_cast<double>(TCP_RECV_BUFFER_SIZE));
+}
+
+// Connected, timed out (a full accept queue drops SYNs) or refused, the
+// socket is left blocking.
+TEST_F(TcpTest, ConnectTimeout) {
+    uint16_t port = 0;
+    const int listener = peers::listen_loopback(0, &port);
+    sockaddr_in address = peers::loopback(port);
+    const int first = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(connect_timeout(first, &address, 2), 0);
+    EXPECT_TRUE(is_blocking(first));
+    int timed_out = 0;
+    for (int attempt = 0; attempt < 4 && timed_out == 0; ++attempt) {
+        const int client = socket(AF_INET, SOCK_STREAM, 0);
+        if (connect_timeout(client, &address, 1) == -1)
+            timed_out = errno;
+        EXPECT_TRUE(is_blocking(client));
+    }
+    EXPECT_EQ(timed_out, ETIMEDOUT);
+    const peers::script_peer refused({});
+    address = peers::loopback(refused.port);
+    for (int32_t timeout : {2, 0}) {
+        EXPECT_EQ(connect_timeout(socket(AF_INET, SOCK_STREAM, 0), &address, timeout), -1);
+        EXPECT_EQ(errno, ECONNREFUSED) << "time-out " << timeout;
+    }
+    close(listener);
+}
+
+// `openssl s_server -rev` (client certificate required) answers lines reversed.
+// Closing one of three copies frees the session once; the others are closed
+// then: they neither free again nor touch the descriptor number a new
+// connection has taken. Writes to a vanished server fail without SIGPIPE.
+TEST_F(TcpTest, TlsCopiesShareOneSession) {
+    peers::tls_server server(certs());
+    LUA_OK("port = " + std::to_string(server.port) + R"(
+        local conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port))
+        copies = { conn, copy_of(conn), copy_of(conn) }
+        old_fd = fd_of(conn)
+        assert(tls_sessions() == 1)
+        ws.tcp_close(copies[2])
+        assert(tls_sessions() == 0)
+        newer = ws.tcp_connect(ws.tcp_new(), tls_opts(port))
+        assert(fd_of(newer) == old_fd, "a new connection gets the same descriptor number")
+        assert(not pcall(ws.tcp_close, copies[1]) and ws.tcp_send(copies[3], "x") == -1)
+        assert(ws.tcp_send(newer, "still here\n") == 11 and recv_tcp(old_fd) == 11)
+        clear_events()
+    )");
+    EXPECT_EQ(eval("message"), "ereh llits\n");
+    EXPECT_THAT(server.stop(), HasSubstr("CN = client"));
+    ASSERT_TRUE(peers::wait_readable(static_cast<int>(num("old_fd"))));
+    LUA_OK(R"(
+        for i = 1, 50 do
+          last = ws.tcp_send(newer, "ping\n")
+          if last == -1 then break end
+          ws.sleep(0.02)
+        end
+        assert(last == -1 and status_of(newer) == 0)
+    )");
+    EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:" + kReset + "\\|close:send fail"));
+}

@@ -1,0 +1,136 @@
+// UDP objects and the event loop, with real datagrams on 127.0.0.1.
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "lua_fixture.h"
+#include "luacli.h"
+#include "tools.h"
+
+namespace {
+
+// `name`: a registered UDP socket bound to loopback (its port in name_port)
+// whose messages are appended to `got` as { name, data, from, port }.
+std::string udp_socket(const std::string& name, const std::string& extra = "") {
+    return name + " = ws.udp_connect(ws.udp_new(), { type = 2, on_message = function(data, from, port) got[#got + 1] = { '" +
+           name + "', data, from, port } " + extra + " end }); " + name + "_port = bind_loopback(" + name + ")\n";
+}
+
+}  // namespace
+
+// Sends carry text up to its first zero byte to the low 16 bits of the port;
+// replies reach on_message with their sender through the loop; refused sends
+// report only where the socket counts as closed; the close frees the slot.
+TEST_F(SocketTest, UdpSendReceiveRefuseAndClose) {
+    expose("set_status", [](lua_State* L) { return static_cast<int*>(lua_touserdata(L, 1))[2] = int(lua_tointeger(L, 2)), 0; });
+    EXPECT_THAT(run("ws.udp_sendto(ws.udp_new(), 'x', '127.0.0.1', 9)"), HasSubstr("attempt to index"));
+    LUA_OK("got = {}; peer, peer_port = peer_open()\n" + udp_socket("a") + R"(
+        for _, s in ipairs({ { "abc", 0, 3, "abc" }, { "ab\0cd", 0, 2, "ab" }, { 42, 65536, 2, "42" } }) do
+          assert(ws.udp_sendto(a, s[1], "127.0.0.1", peer_port + s[2]) == s[3], s[4])
+          local data, port = peer_recv(peer)
+          assert(data == s[4] and port == a_port, s[4])
+        end
+        peer_send(peer, a_port, "hi\0there")
+        ws.loop_start(deadline(5, function() if got[1] then ws.loop_stop() end end), 1, 0)
+        assert(got[1][2] == "hi" and got[1][3] == "127.0.0.1" and got[1][4] == peer_port)
+        o = opts({ type = 2 })
+        u = ws.new("udp")
+        debug.getregistry()["sockfd-" .. fd_of(u)] = o
+        assert(status_of(u) == -1 and ws.udp_sendto(u, "x", "127.0.0.1", peer_port) == -1, "never connected")
+        c = ws.udp_connect(u, o)
+        fd = fd_of(c)
+        assert(c ~= u and fd_of(u) == fd and status_of(c) == 2 and debug.getregistry()["udata-" .. fd] == u)
+        assert(ws.udp_sendto(c, "x", {}, peer_port) == -1)
+        set_status(u, 0)
+        assert(ws.udp_sendto(c, "x", "127.0.0.1", peer_port) == -1, "the registered record is closed")
+        ws.udp_close(c)
+        assert(not fd_is_open(fd) and fd_of(c) == -1 and fd_of(u) == fd)
+        assert(ws.udp_sendto(c, "x", "127.0.0.1", peer_port) == -1)
+        assert(peer_recv(peer, 0.1) == nil)
+    )");
+    EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:Socket has been closed!\\|open\\|"
+                                       "error:[0-9]+:Socket has been closed!\\|close:User do close"));
+    EXPECT_EQ(socktbl[1], 0);
+    EXPECT_THAT(run("ws.udp_close(c)"), HasSubstr("attempt to index a nil value"));
+}
+
+// The periodic function runs calls-per-tick times per interval, without
+// arguments; a socket closed in on_message leaves its slot to the next one,
+// which waits for the next pass; loop_stop there ends the loop after the pass.
+TEST_F(SocketTest, LoopTimerAndClosesInsideOnMessage) {
+    LUA_OK(R"(
+        calls, nargs = 0, 0
+        ws.loop_start(function(...)
+            calls, nargs = calls + 1, nargs + select("#", ...)
+            if calls == 30 then ws.loop_stop() end
+        end, "3", 0)
+        assert(calls == 30 and nargs == 0)
+        calls, t0 = 0, now()
+        ws.loop_start(function() calls = calls + 1; if now() - t0 > 2.5 then ws.loop_stop() end end, 1, 1)
+        assert(calls == 3, calls)
+        got = {}; peer = peer_open()
+    )");
+    LUA_OK(udp_socket("A", "ws.udp_close(A); error('script failure')") + udp_socket("B", "ws.loop_stop()") +
+           udp_socket("C", "ws.loop_stop()") + R"(
+        for _, port in ipairs({ A_port, B_port, C_port }) do peer_send(peer, port, "x") end
+        ws.loop_start(function() error("not stopped in time") end, 1, 1)
+        assert(#got == 2 and got[1][1] .. got[2][1] == "AC")
+    )");
+    EXPECT_EQ(socktbl[2], 0);
+    EXPECT_THAT(run("ws.loop_start(function() error('from periodic') end, 1, 0)"), HasSubstr("from periodic"));
+}
+
+// 1024 sockets numbered from 300 up: the sets must hold descriptors above
+// 1023; a full table refuses the next socket.
+TEST_F(SocketTest, LoopServesAFullTableAbove1023) {
+    rlimit saved{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit raised = saved;
+    raised.rlim_cur = std::min<rlim_t>(4096, raised.rlim_max);
+    if (raised.rlim_cur < 1500)
+        GTEST_SKIP() << "descriptor limit too low";
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+    std::vector<int> filler;
+    for (int fd = open("/dev/null", O_RDONLY); fd >= 0 && fd < 300; fd = open("/dev/null", O_RDONLY))
+        filler.push_back(fd);
+    const std::string result = run(R"(
+        local sockets, peer = {}, peer_open()
+        for i = 1, 1025 do sockets[i] = ws.udp_connect(ws.udp_new(), opts({ type = 2 })) end
+        assert(events():find("|error:%d+:socktbl is full now$"), "the 1025th is refused")
+        highest = fd_of(sockets[1024])
+        peer_send(peer, bind_loopback(sockets[1024]), "to the last one")
+        ws.loop_start(deadline(5, function() if message then ws.loop_stop() end end), 1, 0)
+        assert(not timed_out and message == "to the last one")
+    )");
+    for (int fd : filler)
+        close(fd);
+    EXPECT_EQ(result, "");
+    EXPECT_GT(num("highest"), 1023);
+    SocketTest::TearDown();  // closes the sockets before the limit goes back down
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
+    SocketTest::SetUp();
+}
+
+// A close by descriptor goes through the registered object, and only when it
+// is of the kind the options table names; the object stays alive through
+// on_close even when that drops its last reference.
+TEST_F(SocketTest, CloseByDescriptorFollowsTheRegisteredKind) {
+    expose("close_by_fd", [](lua_State* L) { return do_close(L, int32_t(luaL_checkinteger(L, 1)), "gone"), 0; });
+    LUA_OK(R"(
+        local reg = debug.getregistry()
+        o = opts({ type = 2 })
+        u = ws.udp_new()
+        c = ws.udp_connect(u, o)
+        fd = fd_of(u)
+        for _, kind in ipairs({ 3, 7, 0, 1 }) do o.type = kind; close_by_fd(fd) end
+        o.type = 2
+        assert(fd_is_open(fd))
+        o.on_close = function(r) note("close:" .. r); reg["udata-" .. fd] = nil; u = nil; collectgarbage() end
+        close_by_fd(fd)
+        assert(fd_of(c) == fd and not fd_is_open(fd))
+    )");
+    EXPECT_EQ(events(), "open|close:gone");
+    EXPECT_EQ(socktbl[0], 0);
+}
