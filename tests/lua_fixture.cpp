@@ -22,19 +22,6 @@ sock_header* record_arg(lua_State* L) {
 int arg(lua_State* L, int index) { return static_cast<int>(luaL_checkinteger(L, index)); }
 int push(lua_State* L, lua_Number value) { return lua_pushnumber(L, value), 1; }
 
-int peer_recv(lua_State* L) {
-    static char buffer[65536];
-    sockaddr_in from{};
-    socklen_t length = sizeof from;
-    const auto wait = std::chrono::milliseconds(static_cast<int>(luaL_optnumber(L, 2, 2) * 1000));
-    const ssize_t got = !peers::wait_readable(arg(L, 1), wait)
-                            ? -1 : recvfrom(arg(L, 1), buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &length);
-    if (got < 0)
-        return 0;
-    lua_pushlstring(L, buffer, static_cast<size_t>(got));
-    return push(L, ntohs(from.sin_port)) + 1;
-}
-
 const luaL_Reg probes[] = {
     {"fd_of", [](lua_State* L) { return push(L, record_arg(L)->sockfd); }},
     {"status_of", [](lua_State* L) { return push(L, record_arg(L)->status); }},
@@ -51,21 +38,8 @@ const luaL_Reg probes[] = {
          return push(L, tcp_recv(L, arg(L, 1), &err)), push(L, err) + 1;
      }},
     {"bind_loopback", [](lua_State* L) { return push(L, peers::bind_loopback(record_arg(L)->sockfd)); }},
-    {"peer_open", [](lua_State* L) {
-         const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-         return push(L, fd) + push(L, peers::bind_loopback(fd));
-     }},
-    {"peer_send", [](lua_State* L) {
-         const sockaddr_in to = peers::loopback(static_cast<uint16_t>(arg(L, 2)));
-         size_t length = 0;
-         const char* data = luaL_checklstring(L, 3, &length);
-         return push(L, double(sendto(arg(L, 1), data, length, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to)));
-     }},
-    {"peer_recv", peer_recv},
-    {"wait_readable", [](lua_State* L) { return lua_pushboolean(L, peers::wait_readable(arg(L, 1))), 1; }},
     {"tls_sessions", [](lua_State* L) { return push(L, static_cast<lua_Number>(tls_live_count())); }},
     {"fd_is_open", [](lua_State* L) { return lua_pushboolean(L, fcntl(arg(L, 1), F_GETFD) != -1), 1; }},
-    {"close_fd", [](lua_State* L) { return close(arg(L, 1)), 0; }},
     {"now", [](lua_State* L) {
          return push(L, std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count());
      }},

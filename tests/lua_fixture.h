@@ -9,9 +9,8 @@
 //     the loop and sets timed_out once `seconds` have passed
 //   fd_of(obj), status_of(obj), copy_of(obj) (a byte-for-byte copy)
 //   recv_tcp(fd) -> result, err: the TCP receive path once fd is readable
-//   bind_loopback(obj) -> port; peer_open() -> fd, port
-//   peer_send(fd, port, data); peer_recv(fd[, wait]) -> data, port | nothing
-//   fd_is_open(fd), close_fd(fd), wait_readable(fd), tls_sessions(), now()
+//   bind_loopback(obj) -> port
+//   fd_is_open(fd), tls_sessions(), now()
 #pragma once
 
 #include <gmock/gmock.h>

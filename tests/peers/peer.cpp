@@ -108,7 +108,6 @@ script_peer::script_peer(std::vector<step> steps) {
         const int fd = wait_readable(listener, 10000ms) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
         if (fd < 0)
             return;
-        taken = true;
         const int client = client_end(fd);
         for (const step& now : steps) {
             if (now.what == step::upgrade) {
@@ -119,9 +118,6 @@ script_peer::script_peer(std::vector<step> steps) {
                 send_read(fd, client, now.bytes);
             } else if (now.what == step::read || now.what == step::drain) {
                 take(fd, seen, now.what == step::read ? now.count : SIZE_MAX);
-            } else if (now.what == step::hold) {
-                for (int waited = 0; waited < 10000 && !stop; ++waited)
-                    usleep(1000);
             } else {
                 const linger abort_on_close{1, 0};
                 if (setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close) != 0)
@@ -133,15 +129,8 @@ script_peer::script_peer(std::vector<step> steps) {
 }
 
 script_peer::~script_peer() {
-    stop = true;
     transcript();
     close(listener);
-}
-
-bool script_peer::accepted() {
-    for (int waited = 0; waited < 5000 && !taken; ++waited)
-        usleep(1000);
-    return taken;
 }
 
 const std::string& script_peer::transcript() {

@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <sys/types.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -29,11 +28,10 @@ bool wait_readable(int fd, std::chrono::milliseconds limit = 5000ms);
 // upgrade: reads the request, sends `bytes` or else the right WebSocket
 // answer; send: `bytes`; both return once the client has read all (or is
 // gone), so that each lands in a read of its own. read: `count` bytes. drain:
-// until the client closes. hold: until the peer is destroyed. reset: the final
-// close sends a reset. Waits are bounded (5-10 s). Without steps nothing
-// listens: connects are refused.
+// until the client closes. reset: the final close sends a reset. Waits are
+// bounded (5-10 s). Without steps nothing listens: connects are refused.
 struct step {
-    enum kind { upgrade, send, read, drain, hold, reset } what;
+    enum kind { upgrade, send, read, drain, reset } what;
     std::string bytes = {};
     std::size_t count = 0;
 };
@@ -41,12 +39,10 @@ struct step {
 struct script_peer {
     explicit script_peer(std::vector<step> steps);
     ~script_peer();
-    bool accepted();  // waits (5 s at most) until the connection is taken
     const std::string& transcript();  // all the client sent, once the script ended
 
     int listener = -1;
     uint16_t port = 0;
-    std::atomic<bool> stop{false}, taken{false};
     std::string seen;
     std::thread thread;
 };
