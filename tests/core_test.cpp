@@ -1,16 +1,9 @@
 // The Lua-free cores on crafted inputs: chunked decoding, the handshake's
-// key, accept value and answer check, URL splitting; and the socket table.
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstring>
-#include <vector>
+// key and accept value, URL splitting; the socket table; the debug log.
 
 #include "chunked.h"
 #include "handshake.h"
 #include "lua_fixture.h"
-#include "luacli.h"
-#include "tools.h"
 
 TEST(Chunked, HexSizesAndDesignedDecodes) {
     for (const auto& [text, value] : {std::pair{"0X1f", 31}, {"1A;ext", 26}, {"g", 16}, {"ffffffff", -1}})
@@ -39,33 +32,12 @@ TEST(Chunked, HexSizesAndDesignedDecodes) {
     }
 }
 
-TEST(Handshake, AcceptKeyAndAnswerChecks) {
-    const std::string accept = "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=";  // RFC 6455's example
+TEST(Handshake, AcceptAndKey) {
     char value[TEXT_FIELD_SIZE];
     sec_websocket_accept("dGhlIHNhbXBsZSBub25jZQ==", value);
-    EXPECT_EQ(value, accept);
+    EXPECT_STREQ(value, "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=");  // RFC 6455's example
     sec_websocket_key(value);
     EXPECT_THAT(value, MatchesRegex("[A-Za-z0-9+/]{22}=="));
-    const std::pair<std::string, int> answers[] = {
-        {"HTTP/1.1 101 Switching Protocols\r\nSec-WebSocket-Accept: " + accept + "\r\n\r\n", 1},
-        {"HTTP/1.1 101\r\nSec-WebSocket-Accept:\r\nX: " + accept + "\r\n\r\n", 1},
-        {"HTTP/1.1 200 OK\r\nSec-WebSocket-Accept: " + accept + "\r\n\r\n", -1},
-        {"HTTP/1.1 101 " + accept + "\r\nSec-WebSocket-Accept: no\r\n\r\n", -1},
-        {"HTTP/1.1 101 Switching Protocols\r\n", -1},
-        {"", -1},  // closed without an answer
-    };
-    for (const auto& [answer, result] : answers) {
-        int pair[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-        ASSERT_EQ(send(pair[1], answer.data(), answer.size(), 0), static_cast<ssize_t>(answer.size()));
-        shutdown(pair[1], SHUT_WR);
-        ws_record ws{};
-        ws.sockfd = pair[0];
-        std::strcpy(ws.sec_ws_accept, accept.c_str());
-        EXPECT_EQ(handshake_result(&ws), result) << answer;
-        close(pair[0]);
-        close(pair[1]);
-    }
 }
 
 TEST(Url, PrefixDecidesTheSchemeAndEverySlashSplits) {

@@ -1,17 +1,9 @@
 #include "lua_fixture.h"
 
-#include <fcntl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <fstream>
 #include <sstream>
-
-#include "luacli.h"
-#include "tcp.h"
-#include "tools.h"
 
 namespace {
 
@@ -40,6 +32,7 @@ const luaL_Reg probes[] = {
     {"bind_loopback", [](lua_State* L) { return push(L, peers::bind_loopback(record_arg(L)->sockfd)); }},
     {"tls_sessions", [](lua_State* L) { return push(L, static_cast<lua_Number>(tls_live_count())); }},
     {"fd_is_open", [](lua_State* L) { return lua_pushboolean(L, fcntl(arg(L, 1), F_GETFD) != -1), 1; }},
+    {"blocking", [](lua_State* L) { return lua_pushboolean(L, (fcntl(arg(L, 1), F_GETFL) & O_NONBLOCK) == 0), 1; }},
     {"now", [](lua_State* L) {
          return push(L, std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count());
      }},

@@ -10,16 +10,24 @@
 //   fd_of(obj), status_of(obj), copy_of(obj) (a byte-for-byte copy)
 //   recv_tcp(fd) -> result, err: the TCP receive path once fd is readable
 //   bind_loopback(obj) -> port
-//   fd_is_open(fd), tls_sessions(), now()
+//   fd_is_open(fd), blocking(fd), tls_sessions(), now()
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cstring>
 #include <string>
+#include <vector>
 
-#include <lua.hpp>
-
+#include "luacli.h"
 #include "peers/peer.h"
+#include "tcp.h"
+#include "tools.h"
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;

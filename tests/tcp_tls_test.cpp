@@ -1,16 +1,7 @@
 // The TCP client, plain and over TLS, against peers on 127.0.0.1, and the
 // connect with a time-out under it.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstring>
 
 #include "lua_fixture.h"
-#include "luacli.h"
-#include "tcp.h"
-#include "tools.h"
 
 namespace {
 
@@ -18,7 +9,6 @@ const peers::certificates& certs() {  // made once, removed at exit
     static const peers::certificates made;
     return made;
 }
-bool is_blocking(int fd) { return (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0; }
 const std::string kReset = "(" + std::string(std::strerror(ECONNRESET)) + "|" + std::strerror(EPIPE) + ")";
 
 class TcpTest : public SocketTest {
@@ -105,32 +95,6 @@ TEST_F(TcpTest, ReceiveDecodesChunkedOrPassesRawText) {
         EXPECT_EQ(eval("message"), message.empty() ? reply : message);
         EXPECT_EQ(num("n"), static_cast<double>(reply.size()));
     }
-}
-
-// Connected, timed out (a full accept queue drops SYNs) or refused, the
-// socket is left blocking.
-TEST_F(TcpTest, ConnectTimeout) {
-    uint16_t port = 0;
-    const int listener = peers::listen_loopback(0, &port);
-    sockaddr_in address = peers::loopback(port);
-    const int first = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(connect_timeout(first, &address, 2), 0);
-    EXPECT_TRUE(is_blocking(first));
-    int timed_out = 0;
-    for (int attempt = 0; attempt < 4 && timed_out == 0; ++attempt) {
-        const int client = socket(AF_INET, SOCK_STREAM, 0);
-        if (connect_timeout(client, &address, 1) == -1)
-            timed_out = errno;
-        EXPECT_TRUE(is_blocking(client));
-    }
-    EXPECT_EQ(timed_out, ETIMEDOUT);
-    const peers::script_peer refused({});
-    address = peers::loopback(refused.port);
-    for (int32_t timeout : {2, 0}) {
-        EXPECT_EQ(connect_timeout(socket(AF_INET, SOCK_STREAM, 0), &address, timeout), -1);
-        EXPECT_EQ(errno, ECONNREFUSED) << "time-out " << timeout;
-    }
-    close(listener);
 }
 
 // `openssl s_server -rev` (client certificate required) answers lines reversed.

@@ -1,13 +1,6 @@
 // UDP objects and the event loop, with real datagrams on 127.0.0.1.
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <vector>
 
 #include "lua_fixture.h"
-#include "luacli.h"
-#include "tools.h"
 
 namespace {
 

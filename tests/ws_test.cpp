@@ -1,7 +1,6 @@
 // The WebSocket client through the script interface and the loop, against
 // scripted in-process peers.
 #include "lua_fixture.h"
-#include "luacli.h"
 
 namespace {
 
@@ -105,6 +104,7 @@ TEST_F(WsTest, TextLongerThanTheBufferEndsTheConnection) {
 }
 
 TEST_F(WsTest, FailedConnectsReportBothTextsAndReturnNothing) {
+    const std::string kFail = "[^|]*\\|close:handshake fail";
     const std::tuple<std::string, std::vector<step>, std::string> rows[] = {  // url, peer (none: refused), reports
         {"http://127.0.0.1/", {}, "wrong websocket url!\\|close:wrong websocket url!"},
         {"ws://127.0.0.1:80/p", {}, "domain name resolution fail, get server ip fail!\\|"
@@ -112,8 +112,10 @@ TEST_F(WsTest, FailedConnectsReportBothTextsAndReturnNothing) {
         {"ws://127.0.0.1/", {}, "Connection refused\\|close:Connection refused"},
         {"wss://127.0.0.1/", {{step::send, "HTTP/1.1 400 Bad\r\n\r\n"}, {step::drain}},
          "ssl connect fail!\\|close:ssl_connect_fail"},
-        {"ws://127.0.0.1/", {{step::upgrade, "HTTP/1.1 101 OK\r\nSec-WebSocket-Accept: A\r\n\r\n"}, {step::drain}},
-         "[^|]*\\|close:handshake fail"},
+        {"ws://127.0.0.1/", {{step::upgrade, "HTTP/1.1 101 OK\r\nSec-WebSocket-Accept: A\r\n\r\n"}}, kFail},
+        {"ws://127.0.0.1/", {{step::upgrade, "HTTP/1.1 200 OK\r\nSec-WebSocket-Accept: {accept}\r\n\r\n"}}, kFail},
+        {"ws://127.0.0.1/", {{step::upgrade, "HTTP/1.1 101 {accept}\r\nSec-WebSocket-Accept: A\r\n\r\n"}}, kFail},
+        {"ws://127.0.0.1/", {{step::upgrade, "HTTP/1.1 101 Switching Protocols\r\n"}}, kFail},  // the rest is not awaited
     };
     for (const auto& [url, steps, reports] : rows) {
         peers::script_peer peer(steps);
@@ -125,13 +127,15 @@ TEST_F(WsTest, FailedConnectsReportBothTextsAndReturnNothing) {
 
 // ws_connect registers the object passed in, keeps a copy for the loop and
 // returns a third; the port counts modulo 65536; closes follow the copy used.
+// The accept value may follow its header name anywhere.
 TEST_F(WsTest, ConnectGivesThreeCopiesAndClosesFollowTheCopyUsed) {
-    peers::script_peer peer({{step::upgrade}, {step::drain}}), full({{step::upgrade}, {step::drain}});
+    peers::script_peer peer({{step::upgrade, "HTTP/1.1 101\r\nSec-WebSocket-Accept:\r\nX: {accept}\r\n\r\n"}, {step::drain}});
+    peers::script_peer full({{step::upgrade}, {step::drain}});
     LUA_OK("local fresh = ws.new('websocket')\nws.ws_close(fresh)  -- never connected: closed quietly\n"
            "note(status_of(fresh) .. fd_of(fresh))\nc = open(" + std::to_string(peer.port + 65536) + R"(, {
             on_open = function() note('open:' .. status_of(w) .. registry(fd_of(w))) end })
         local f = fd_of(c)
-        note(tostring(c ~= w and fd_of(w) == f) .. status_of(c) .. status_of(w) .. registry(f))
+        note(tostring(c ~= w and fd_of(w) == f and blocking(f)) .. status_of(c) .. status_of(w) .. registry(f))
         ws.ws_close(c)
         note(fd_of(c) .. status_of(c) .. registry(f))
         note(ws.ws_send(c, 'x') .. ws.ws_send(w, 'x'))
@@ -142,4 +146,14 @@ TEST_F(WsTest, ConnectGivesThreeCopiesAndClosesFollowTheCopyUsed) {
     LUA_OK("clear_events(); local n, v = (function(...) return select('#', ...), ... end)(open(" + port(full) +
            "))\nnote(n .. tostring(v) .. status_of(w))");
     EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:socktbl is full now!\\|1nil2"));
+}
+
+// Past the time-out, with a full accept queue (further SYNs are dropped).
+TEST_F(WsTest, ConnectTimesOut) {
+    uint16_t full = 0;
+    const int listener = peers::listen_loopback(0, &full);
+    LUA_OK("ws.tcp_connect(ws.tcp_new(), tcp_opts(" + std::to_string(full) + "))\nfor i = 1, 4 do if not "
+           "events():find('timed out') then open(" + std::to_string(full) + ", { timeout = 1 }) end end");
+    EXPECT_THAT(events(), MatchesRegex(".*\\|error:[0-9]+:" + std::string(std::strerror(ETIMEDOUT)) + "\\|close:.*"));
+    close(listener);
 }

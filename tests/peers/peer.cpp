@@ -30,6 +30,9 @@ bool take(int fd, std::string& into, std::size_t count) {
     return true;
 }
 
+const std::string kAnswer =
+    "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: {accept}\r\n\r\n";
+
 // The client runs in this process: its end is the socket whose ports mirror ours.
 int client_end(int fd) {
     sockaddr_in ends[4]{};
@@ -57,14 +60,15 @@ void send_read(int fd, int client, const std::string& bytes) {
     }
 }
 
-std::string upgrade_answer(const std::string& request) {
+// `answer` with {accept} replaced by the accept value for the request's key.
+std::string upgrade_answer(const std::string& request, std::string answer) {
     const auto at = std::min(request.find("Key: ") + 5, request.size());
     const std::string joined = request.substr(at, 24) + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
     unsigned char digest[SHA_DIGEST_LENGTH], encoded[32];
     SHA1(reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest);
-    return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: " +
-           std::string(reinterpret_cast<char*>(encoded), EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH)) +
-           "\r\n\r\n";
+    const std::string accept(reinterpret_cast<char*>(encoded), EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH));
+    const auto field = answer.find("{accept}");
+    return field == std::string::npos ? answer : answer.replace(field, 8, accept);
 }
 
 }  // namespace
@@ -113,7 +117,7 @@ script_peer::script_peer(std::vector<step> steps) {
             if (now.what == step::upgrade) {
                 while (seen.find("\r\n\r\n") == std::string::npos && take(fd, seen, 1)) {
                 }
-                send_read(fd, client, !now.bytes.empty() ? now.bytes : upgrade_answer(seen));
+                send_read(fd, client, upgrade_answer(seen, !now.bytes.empty() ? now.bytes : kAnswer));
             } else if (now.what == step::send) {
                 send_read(fd, client, now.bytes);
             } else if (now.what == step::read || now.what == step::drain) {

@@ -25,8 +25,8 @@ int listen_loopback(int backlog, uint16_t* port);
 // Waits until fd is readable or has an error pending; false after `limit`.
 bool wait_readable(int fd, std::chrono::milliseconds limit = 5000ms);
 
-// upgrade: reads the request, sends `bytes` or else the right WebSocket
-// answer; send: `bytes`; both return once the client has read all (or is
+// upgrade: reads the request, sends `bytes` ({accept}: the accept value the
+// request asks for) or else the right WebSocket answer; send: `bytes`; both return once the client has read all (or is
 // gone), so that each lands in a read of its own. read: `count` bytes. drain:
 // until the client closes. reset: the final close sends a reset. Waits are
 // bounded (5-10 s). Without steps nothing listens: connects are refused.
