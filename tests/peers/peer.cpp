@@ -186,32 +186,4 @@ certificates::certificates() {
 
 certificates::~certificates() { std::filesystem::remove_all(dir); }
 
-tls_server::tls_server(const certificates& certs) {
-    const std::string command = "cd " + certs.dir.string() + " && echo $$ && exec timeout 60 openssl s_server " +
-                                "-accept 127.0.0.1:0 -rev -cert server.crt -key server.key -Verify 1 " +
-                                "-CAfile client.crt </dev/null 2>&1";
-    output = popen(command.c_str(), "r");
-    char line[512];
-    if (output == nullptr || fgets(line, sizeof line, output) == nullptr)
-        fail("s_server");
-    pid = std::atoi(line);
-    do {  // it prints "ACCEPT 127.0.0.1:PORT" once it listens
-        if (fgets(line, sizeof line, output) == nullptr)
-            fail("s_server did not start");
-        printed += line;
-    } while (std::sscanf(line, "ACCEPT 127.0.0.1:%hu", &port) != 1);
-}
-
-std::string tls_server::stop() {
-    if (output != nullptr) {
-        kill(pid, SIGTERM);  // timeout passes it on to openssl
-        char chunk[4096];
-        for (std::size_t got; (got = fread(chunk, 1, sizeof chunk, output)) > 0;)
-            printed.append(chunk, got);
-        pclose(output);
-        output = nullptr;
-    }
-    return printed;
-}
-
 }  // namespace peers

@@ -1,6 +1,5 @@
 // Test peers on 127.0.0.1: loopback helpers, an in-process server playing a
-// script of steps on one connection, and `openssl s_server` with
-// certificates made at test time.
+// script of steps on one connection; certificates made at test time.
 #pragma once
 
 #include <netinet/in.h>
@@ -58,18 +57,6 @@ struct certificates {
     std::filesystem::path dir;
     certificates();
     ~certificates();
-};
-
-// `openssl s_server -rev` (answers each line reversed), requiring the client
-// certificate. Killed when destroyed, 60 s at most.
-struct tls_server {
-    explicit tls_server(const certificates& certs);
-    ~tls_server() { stop(); }
-    std::string stop();  // everything it printed
-    pid_t pid = -1;
-    FILE* output = nullptr;
-    uint16_t port = 0;
-    std::string printed;
 };
 
 }  // namespace peers
