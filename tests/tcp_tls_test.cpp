@@ -1,5 +1,4 @@
-// The TCP client, plain and over TLS, against peers on 127.0.0.1, and the
-// connect with a time-out under it.
+// The TCP client, plain and over TLS, against peers on 127.0.0.1.
 
 #include "lua_fixture.h"
 
@@ -33,9 +32,8 @@ protected:
 
 }  // namespace
 
-// on_open runs before the connect returns the registered object (the port
-// counts modulo 65536); sends carry text up to a zero byte; closing a copy
-// marks the registered object closed; the close undoes everything once.
+// on_open comes before the connect returns the registered object; the port counts
+// modulo 65536; closing a copy marks the registered object closed.
 TEST_F(TcpTest, ConnectSendAndClose) {
     EXPECT_THAT(run("ws.tcp_send(ws.tcp_new(), 'x')"), HasSubstr("attempt to index")) << "never connected";
     const std::string sent = with_peer({{step::read, "", 6}}, R"(
@@ -57,8 +55,7 @@ TEST_F(TcpTest, ConnectSendAndClose) {
     EXPECT_THAT(events(), MatchesRegex("open\\|error:[0-9]+:" + kReset + "\\|close:send fail"));
 }
 
-// Refused; a name (not resolved: all ones); TLS without a usable key (before
-// any connect) or against a plain server; a full table; a field too long.
+// Refused; a name (not resolved); TLS without a usable key or to a plain server.
 TEST_F(TcpTest, FailedConnectsReportErrorThenClose) {
     peers::script_peer refused({}), plain({{step::send, "HTTP/1.0 400 Bad Request\r\n\r\n"}});
     const std::string port = std::to_string(refused.port);
@@ -80,8 +77,7 @@ TEST_F(TcpTest, FailedConnectsReportErrorThenClose) {
     EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:socktbl is full now"));
 }
 
-// What on_message gets and the receive path returns: a chunked response
-// decoded, raw fallbacks, a text cut at its zero byte; every byte counts.
+// A chunked response decoded, raw fallbacks, a text cut at its zero byte; every byte counts.
 TEST_F(TcpTest, ReceiveDecodesChunkedOrPassesRawText) {
     const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n";
     const std::pair<std::string, std::string> cases[] = {  // reply, message ("": raw)
@@ -97,10 +93,9 @@ TEST_F(TcpTest, ReceiveDecodesChunkedOrPassesRawText) {
     }
 }
 
-// `openssl s_server -rev` (client certificate required) answers lines reversed.
-// Closing one of three copies frees the session once; the others are closed
-// then: they neither free again nor touch the descriptor number a new
-// connection has taken. Writes to a killed server fail without SIGPIPE.
+// Closing one of three copies frees the session once; the others neither free
+// again nor touch the descriptor number a new connection took. s_server -rev
+// answers lines reversed; writes to it once killed fail without SIGPIPE.
 TEST_F(TcpTest, TlsCopiesShareOneSession) {
     LUA_OK(R"lua(
         local server = io.popen("cd " .. certs .. " && echo $$ && exec timeout 30 openssl s_server -accept 127.0.0.1:0 " ..

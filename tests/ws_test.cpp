@@ -1,5 +1,4 @@
-// The WebSocket client through the script interface and the loop, against
-// scripted in-process peers.
+// The WebSocket client against scripted in-process peers.
 #include "lua_fixture.h"
 
 namespace {
@@ -35,8 +34,7 @@ protected:
 
 }  // namespace
 
-// The upgrade request and every frame byte for byte: final, masked, the
-// length classes (127: least significant byte first), text up to a zero byte.
+// The upgrade request and every frame byte for byte (127 class least significant byte first).
 TEST_F(WsTest, RequestAndFramesAreExactAndMasked) {
     peers::script_peer peer({{step::upgrade}, {step::drain}});
     LUA_OK("c = ws.ws_connect(ws.ws_new(), wopts(" + port(peer) + R"(, { url = 'ws://127.0.0.1',
@@ -65,10 +63,9 @@ TEST_F(WsTest, RequestAndFramesAreExactAndMasked) {
     }
 }
 
-// Texts follow the read boundaries; a ping gets an empty pong (what follows
-// it in the read is dropped), a close an empty close; binary frames and
-// malformed frames are dropped; a zero byte inside a text waits for more.
-// A close through the copy still connecting leaves the descriptor watched.
+// A ping gets an empty pong (the rest of its read is dropped), a close an empty
+// close; a zero byte in a text waits for more; a close through the copy still
+// connecting leaves the descriptor watched.
 TEST_F(WsTest, ReceivedFramesFollowTheReadBoundaries) {
     const std::string split = text(std::string(1000, 's'));
     peers::script_peer peer({{step::upgrade}, {step::send, text("one") + text("two")},
@@ -125,9 +122,8 @@ TEST_F(WsTest, FailedConnectsReportBothTextsAndReturnNothing) {
     }
 }
 
-// ws_connect registers the object passed in, keeps a copy for the loop and
-// returns a third; the port counts modulo 65536; closes follow the copy used.
-// The accept value may follow its header name anywhere.
+// ws_connect registers the object passed in, keeps a copy for the loop and returns
+// a third; closes follow the copy used. The accept value may come anywhere after its name.
 TEST_F(WsTest, ConnectGivesThreeCopiesAndClosesFollowTheCopyUsed) {
     peers::script_peer peer({{step::upgrade, "HTTP/1.1 101\r\nSec-WebSocket-Accept:\r\nX: {accept}\r\n\r\n"}, {step::drain}});
     peers::script_peer full({{step::upgrade}, {step::drain}});
