@@ -2,15 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <fstream>
-#include <sstream>
-
 namespace {
 
-sock_header* record_arg(lua_State* L) {
-    luaL_checktype(L, 1, LUA_TUSERDATA);
-    return static_cast<sock_header*>(lua_touserdata(L, 1));
-}
+sock_header* record_arg(lua_State* L) { return luaL_checktype(L, 1, LUA_TUSERDATA), static_cast<sock_header*>(lua_touserdata(L, 1)); }
 int arg(lua_State* L, int index) { return static_cast<int>(luaL_checkinteger(L, index)); }
 int push(lua_State* L, lua_Number value) { return lua_pushnumber(L, value), 1; }
 
@@ -25,11 +19,11 @@ const luaL_Reg probes[] = {
      }},
     {"recv_tcp", [](lua_State* L) {
          int err = 0;
-         if (!peers::wait_readable(arg(L, 1)))
-             return luaL_error(L, "descriptor not readable");
+         luaL_argcheck(L, peers::wait_readable(arg(L, 1)), 1, "not readable");
          return push(L, tcp_recv(L, arg(L, 1), &err)), push(L, err) + 1;
      }},
     {"bind_loopback", [](lua_State* L) { return push(L, peers::bind_loopback(record_arg(L)->sockfd)); }},
+    {"watched", [](lua_State* L) { return lua_pushboolean(L, std::count(socktbl, socktbl + SOCKET_TABLE_SIZE, arg(L, 1))), 1; }},
     {"tls_sessions", [](lua_State* L) { return push(L, static_cast<lua_Number>(tls_live_count())); }},
     {"fd_is_open", [](lua_State* L) { return lua_pushboolean(L, fcntl(arg(L, 1), F_GETFD) != -1), 1; }},
     {"blocking", [](lua_State* L) { return lua_pushboolean(L, (fcntl(arg(L, 1), F_GETFL) & O_NONBLOCK) == 0), 1; }},
@@ -39,6 +33,7 @@ const luaL_Reg probes[] = {
 };
 
 constexpr const char* kHelpers = R"(
+    package.preload.ws_client = open_ws_client
     ws = require("ws_client")
     local events_ = {}
     function note(text) events_[#events_ + 1] = text end
@@ -73,10 +68,7 @@ void SocketTest::SetUp() {
     std::fill(std::begin(socktbl), std::end(socktbl), 0);
     L = luaL_newstate();
     luaL_openlibs(L);
-    lua_getglobal(L, "package");
-    lua_getfield(L, -1, "preload");
-    lua_pushcfunction(L, luaopen_ws_client);
-    lua_setfield(L, -2, "ws_client");
+    expose("open_ws_client", luaopen_ws_client);
     for (const luaL_Reg& probe : probes)
         expose(probe.name, probe.func);
     LUA_OK(kHelpers);
@@ -84,7 +76,6 @@ void SocketTest::SetUp() {
 
 void SocketTest::TearDown() {
     lua_close(L);
-    std::fill(std::begin(socktbl), std::end(socktbl), 0);
     debug_log_set_path("NULL");
     // What the test left open, so that one process does not run out of descriptors.
     for (int fd = first_free_fd_; fd < first_free_fd_ + 4096; ++fd) {
@@ -101,10 +92,4 @@ std::string SocketTest::run(const std::string& code, bool result) {
     std::string out = text != nullptr ? text : "(not text)";
     lua_settop(L, 0);
     return out;
-}
-
-std::string file_text(const std::string& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
 }

@@ -4,17 +4,14 @@
 
 namespace {
 
-const peers::certificates& certs() {  // made once, removed at exit
-    static const peers::certificates made;
-    return made;
-}
 const std::string kReset = "(" + std::string(std::strerror(ECONNRESET)) + "|" + std::strerror(EPIPE) + ")";
 
 class TcpTest : public SocketTest {
 protected:
     void SetUp() override {
         SocketTest::SetUp();
-        LUA_OK("certs = " + quoted(certs().dir.string() + "/") + "\nfunction tls_opts(port, extra) return tcp_opts("
+        static const peers::certificates certs;  // made once, removed at exit
+        LUA_OK("certs = " + quoted(certs.dir.string() + "/") + "\nfunction tls_opts(port, extra) return tcp_opts("
                "port, { is_secure = 1, crt = certs .. 'client.crt', prikey = certs .. 'client.key' }, extra) end");
     }
     void TearDown() override {
@@ -50,9 +47,8 @@ TEST_F(TcpTest, ConnectSendAndClose) {
     EXPECT_EQ(socktbl[0], 0);
     EXPECT_THAT(run("ws.tcp_close(copy)"), HasSubstr("attempt to index"));
     ASSERT_EQ(signal(SIGPIPE, SIG_DFL), SIG_DFL) << "the host's default disposition stays in force";
-    LUA_OK("clear_events()");
     with_peer({{step::reset}}, "recv_tcp(fd_of(conn)); assert(ws.tcp_send(conn, 'x') == -1 and status_of(conn) == 0)");
-    EXPECT_THAT(events(), MatchesRegex("open\\|error:[0-9]+:" + kReset + "\\|close:send fail"));
+    EXPECT_THAT(events(), MatchesRegex(".*\\|open\\|error:[0-9]+:" + kReset + "\\|close:send fail"));
 }
 
 // Refused; a name (not resolved); TLS without a usable key or to a plain server.
@@ -64,17 +60,14 @@ TEST_F(TcpTest, FailedConnectsReportErrorThenClose) {
            "for _, k in ipairs({ 'crt', 'prikey' }) do ws.tcp_connect(ws.tcp_new(), tls_opts(" + port + ", { [k] = '' })) end\n"
            "ws.tcp_connect(ws.tcp_new(), tls_opts(" + port + ", { prikey = certs .. 'other.key' }))\n"
            "ws.tcp_connect(ws.tcp_new(), tls_opts(" + std::to_string(plain.port) + "))");
-    const std::string refused_text = std::strerror(ECONNREFUSED), unreachable = std::strerror(ENETUNREACH);
-    EXPECT_THAT(events(), MatchesRegex("error:" + std::to_string(ECONNREFUSED) + ":" + refused_text + "\\|close:" +
-                                       refused_text + "\\|error:" + std::to_string(ENETUNREACH) + ":" + unreachable +
-                                       "\\|close:" + unreachable + "(\\|error:[0-9]+:ssl init fail\\|close:ssl init fail){3}"
-                                       "\\|error:[0-9]+:ssl_connect_fail\\|close:ssl_connect_fail"));
+    EXPECT_THAT(events(), MatchesRegex("error:111:Connection refused\\|close:Connection refused\\|error:101:Network is "
+                                       "unreachable\\|close:Network is unreachable(\\|error:[0-9]+:ssl init fail\\|close:"
+                                       "ssl init fail){3}\\|error:[0-9]+:ssl_connect_fail\\|close:ssl_connect_fail"));
     EXPECT_THAT(run("ws.tcp_connect(ws.tcp_new(), tcp_opts(80, { ip = string.rep('1', 200) }))"),
                 HasSubstr("field 'ip' is longer than 199 characters"));
     std::fill(std::begin(socktbl), std::end(socktbl), 100000);
-    LUA_OK("clear_events()");
     with_peer({{step::drain}}, "assert(conn == nil)");
-    EXPECT_THAT(events(), MatchesRegex("error:[0-9]+:socktbl is full now"));
+    EXPECT_THAT(events(), MatchesRegex(".*\\|error:[0-9]+:socktbl is full now"));
 }
 
 // A chunked response decoded, raw fallbacks, a text cut at its zero byte; every byte counts.

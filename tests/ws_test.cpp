@@ -15,7 +15,7 @@ constexpr const char* kHelpers = R"(
     end
     function open(port, extra) w = ws.ws_new(); return ws.ws_connect(w, wopts(port, extra)) end
     function registry(fd)  -- the registered record's status and whether the loop watches fd, as "status:watched"
-        return status_of(debug.getregistry()["udata-" .. fd]) .. ":" .. tostring(in_table(fd))
+        return status_of(debug.getregistry()["udata-" .. fd]) .. ":" .. tostring(watched(fd))
     end
 )";
 
@@ -23,10 +23,6 @@ class WsTest : public SocketTest {
 protected:
     void SetUp() override {
         SocketTest::SetUp();
-        expose("in_table", [](lua_State* L) {
-            const auto fd = static_cast<int32_t>(luaL_checkinteger(L, 1));
-            return lua_pushboolean(L, std::find(std::begin(socktbl), std::end(socktbl), fd) != std::end(socktbl)), 1;
-        });
         LUA_OK(kHelpers);
     }
     static std::string port(const peers::script_peer& peer) { return std::to_string(peer.port); }

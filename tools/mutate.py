@@ -136,7 +136,7 @@ def failed_tests(build_dir, jobs, sanitize):
 
 def short(names):
     """GoogleTest case names without the suite prefix, joined."""
-    return ",".join(n.split(".")[-1] for n in names)
+    return ",".join(n.split(".", 1)[-1] if n[:1].isupper() else n for n in names)
 
 
 def main():

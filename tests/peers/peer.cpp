@@ -98,9 +98,8 @@ int listen_loopback(int backlog, uint16_t* port) {
 bool wait_readable(int fd, std::chrono::milliseconds limit) {
     pollfd watched{fd, POLLIN, 0};
     int ready;
-    do {
-        ready = poll(&watched, 1, static_cast<int>(limit.count()));
-    } while (ready == -1 && errno == EINTR);
+    while ((ready = poll(&watched, 1, static_cast<int>(limit.count()))) == -1 && errno == EINTR) {
+    }
     return ready > 0;
 }
 

@@ -3,10 +3,8 @@
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/types.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -17,18 +15,16 @@ namespace peers {
 using namespace std::chrono_literals;
 
 sockaddr_in loopback(uint16_t port);
-// Binds fd to 127.0.0.1 on a port picked by the system; the port, or -1.
-int bind_loopback(int fd);
-// A listening TCP socket on 127.0.0.1; its port in *port.
-int listen_loopback(int backlog, uint16_t* port);
+int bind_loopback(int fd);                         // to 127.0.0.1, any port: the port, or -1
+int listen_loopback(int backlog, uint16_t* port);  // a listening TCP socket on 127.0.0.1
 // Waits until fd is readable or has an error pending; false after `limit`.
 bool wait_readable(int fd, std::chrono::milliseconds limit = 5000ms);
 
-// upgrade: reads the request, sends `bytes` ({accept}: the accept value the
-// request asks for) or else the right WebSocket answer; send: `bytes`; both return once the client has read all (or is
-// gone), so that each lands in a read of its own. read: `count` bytes. drain:
-// until the client closes. reset: the final close sends a reset. Waits are
-// bounded (5-10 s). Without steps nothing listens: connects are refused.
+// upgrade: reads the request, sends `bytes` ({accept}: the accept value for its
+// key) or else the right answer; send: `bytes`; both return once the client has
+// read all (or is gone), so that each lands in a read of its own. read: `count`
+// bytes. drain: until the client closes. reset: the final close sends a reset.
+// Waits are bounded (5-10 s). Without steps nothing listens: connects are refused.
 struct step {
     enum kind { upgrade, send, read, drain, reset } what;
     std::string bytes = {};
