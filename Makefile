@@ -24,30 +24,31 @@ demo: deps
 	LUA_CPATH="$(CURDIR)/$(BUILD)/?.so" scripts/with_peer.sh -c "$(CURDIR)/$(BUILD)/peer-certs" \
 	  -l "$(CURDIR)/$(BUILD)/peer.log" -- lua5.1 examples/demo.lua
 
-test-plain: build
-	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+# Each test group prints one line (its full output goes to <build dir>/test.log);
+# `make test` runs every group, then prints the total "N passed, N failed".
+GROUP = JOBS=$(JOBS) scripts/test_group.sh
+
+test-plain: deps
+	@$(GROUP) plain $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 test-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DWS_CLIENT_SANITIZE=ON
-	cmake --build $(ASAN_BUILD) -j $(JOBS)
-	ASAN_OPTIONS=detect_leaks=1 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+	@ASAN_OPTIONS=detect_leaks=1 $(GROUP) asan $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DWS_CLIENT_SANITIZE=ON
 
 # Built against LuaJIT: the module and the script-level tests under luajit.
 test-luajit: deps
-	cmake -S . -B $(LUAJIT_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUAJIT=ON -DWS_CLIENT_TESTS=OFF
-	cmake --build $(LUAJIT_BUILD) -j $(JOBS)
-	ctest --test-dir $(LUAJIT_BUILD) --output-on-failure -j $(JOBS)
+	@$(GROUP) luajit $(LUAJIT_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUAJIT=ON -DWS_CLIENT_TESTS=OFF
 
 # Each fuzz target for FUZZ_SECONDS (make test-fuzz FUZZ_SECONDS=3600 for a long run).
 test-fuzz: deps
 	@if command -v clang++ >/dev/null 2>&1; then \
-	  cmake -S . -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_FUZZ=ON -DWS_CLIENT_FUZZ_SECONDS=$(FUZZ_SECONDS) && \
-	  cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets && \
-	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
-	else echo "clang++ not found: fuzz targets not run"; fi
+	  TARGET=fuzz_targets $(GROUP) fuzz $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_FUZZ=ON -DWS_CLIENT_FUZZ_SECONDS=$(FUZZ_SECONDS); \
+	else echo "fuzz: clang++ not found, not run"; fi
 
-test: test-plain test-asan test-luajit test-fuzz
+test: deps
+	@rm -f $(BUILD)/test-counts $(ASAN_BUILD)/test-counts $(LUAJIT_BUILD)/test-counts $(FUZZ_BUILD)/test-counts
+	@$(MAKE) -k --no-print-directory test-plain test-asan test-luajit test-fuzz; status=$$?; \
+	  scripts/test_group.sh --total $(BUILD) $(ASAN_BUILD) $(LUAJIT_BUILD) $(FUZZ_BUILD) && exit $$status
 
 # Every mutant of tools/mutants.txt against the fast tests (incremental builds
 # in build-mutants/); the table ends with `killed K of N` and names every
