@@ -81,13 +81,12 @@ TEST_F(SocketTest, LoopServesAFullTableAbove1023) {
         local sockets = {}
         for i = 1, 1025 do sockets[i] = ws.udp_connect(ws.udp_new(), opts({ type = 2 })) end
         assert(events():find("|error:%d+:socktbl is full now$"), "the 1025th is refused")
-        highest = fd_of(sockets[1024])
+        assert(fd_of(sockets[1024]) > 1023, fd_of(sockets[1024]))
         ws.udp_sendto(sockets[1], "to the last one", "127.0.0.1", bind_loopback(sockets[1024]))
         ws.loop_start(deadline(5, function() if message then ws.loop_stop() end end), 1, 0)
         assert(not timed_out and message == "to the last one")
     )");
     EXPECT_EQ(result, "");
-    EXPECT_GT(num("highest"), 1023);
     SocketTest::TearDown();  // closes the sockets before the limit goes back down
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &saved), 0);
     SocketTest::SetUp();
