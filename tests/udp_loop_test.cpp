@@ -64,7 +64,6 @@ TEST_F(SocketTest, LoopTimerAndClosesInsideOnMessage) {
         ws.loop_start(function() error("not stopped in time") end, 1, 1)
         assert(#got == 2 and got[1][1] .. got[2][1] == "AC")
     )");
-    EXPECT_EQ(socktbl[2], 0);
     EXPECT_THAT(run("ws.loop_start(function() error('from periodic') end, 1, 0)"), HasSubstr("from periodic"));
 }
 
@@ -78,13 +77,14 @@ TEST_F(SocketTest, LoopServesAFullTableAbove1023) {
         GTEST_SKIP() << "descriptor limit too low";
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
     const std::string result = run(R"(
-        local sockets = {}
+        local sockets, upper = {}
         for i = 1, 1025 do sockets[i] = ws.udp_connect(ws.udp_new(), opts({ type = 2 })) end
         assert(events():find("|error:%d+:socktbl is full now$"), "the 1025th is refused")
         assert(fd_of(sockets[1024]) > 1023, fd_of(sockets[1024]))
-        ws.udp_sendto(sockets[1], "to the last one", "127.0.0.1", bind_loopback(sockets[1024]))
-        ws.loop_start(deadline(5, function() if message then ws.loop_stop() end end), 1, 0)
-        assert(not timed_out and message == "to the last one")
+        for i = 1, 1023 do if fd_of(sockets[i]) % 64 >= 32 then upper = sockets[i] end end  -- upper half of a set word
+        for _, s in ipairs({ upper, sockets[1024] }) do ws.udp_sendto(sockets[1], "x", "127.0.0.1", bind_loopback(s)) end
+        ws.loop_start(deadline(5, function() if select(2, events():gsub("message", "")) == 2 then ws.loop_stop() end end), 1, 0)
+        assert(not timed_out)
     )");
     EXPECT_EQ(result, "");
     SocketTest::TearDown();  // closes the sockets before the limit goes back down
