@@ -6,7 +6,11 @@ GoogleTest build, fuzz seed replays, script-level examples; a mutant marked
 a last line `killed K of N`.
 
   tools/mutate.py [--list tools/mutants.txt] [--work build-mutants]
-                  [--only ID[,ID...]] [--killed FILE] [--baseline FILE]
+                  [--only ID[,ID...]] [--killed FILE] [--baseline FILE] [--all-tests]
+
+Without --all-tests the examples (the slowest test) run only on a mutant
+that the unit tests and replays leave alive, so a killed mutant's row names
+the unit tests that failed.
 
 The list holds blocks separated by blank lines ('#' starts a comment line):
 
@@ -121,12 +125,19 @@ def build(build_dir, jobs):
     return status == 0, output
 
 
-def failed_tests(build_dir, jobs, sanitize):
+def failed_tests(build_dir, jobs, sanitize, part="all"):
+    """The tests that fail. part "staged": the script-level examples (the
+    slowest tests) run only when the unit tests and replays all pass."""
+    if part == "staged":
+        return failed_tests(build_dir, jobs, sanitize, "unit") or failed_tests(build_dir, jobs, sanitize, "examples")
     env = dict(os.environ, ASAN_OPTIONS="detect_leaks=1") if sanitize else None
-    status, output = run(["ctest", "--test-dir", build_dir, "-j", str(jobs), "-E", EXCLUDED_TESTS],
-                         limit=TEST_LIMIT, env=env)
+    selection = {"all": ["-E", EXCLUDED_TESTS], "unit": ["-E", EXCLUDED_TESTS + "|examples"],
+                 "examples": ["-R", "examples"]}[part]
+    status, output = run(["ctest", "--test-dir", build_dir, "-j", str(jobs)] + selection, limit=TEST_LIMIT, env=env)
     if status is None:
         return ["(time-out)"]
+    if part == "examples" and "No tests were found" in output:
+        return []
     failed = re.findall(r"^\s*\d+ - (\S+) \(", output.split("The following tests FAILED:")[-1], re.M) \
         if "The following tests FAILED:" in output else []
     if status != 0 and not failed:
@@ -148,6 +159,8 @@ def main():
     parser.add_argument("--test-jobs", type=int, default=4, help="tests at once (they mostly wait)")
     parser.add_argument("--killed", help="write the killed ids to this file")
     parser.add_argument("--baseline", help="a --killed file to compare with")
+    parser.add_argument("--all-tests", action="store_true",
+                        help="run every fast test on every mutant (default: the examples only when the rest pass)")
     args = parser.parse_args()
 
     mutants = parse_list(args.list)
@@ -186,7 +199,8 @@ def main():
                 results[m.ident] = ("NO BUILD", output.split("error:")[1].split("\n")[0].strip()
                                     if "error:" in output else "build failed")
             else:
-                failed = failed_tests(builds[m.memory], args.test_jobs, m.memory)
+                failed = failed_tests(builds[m.memory], args.test_jobs, m.memory,
+                                      "all" if args.all_tests else "staged")
                 results[m.ident] = ("killed" if failed else "survived", short(failed))
             with open(target, "w", encoding="utf-8") as f:
                 f.write(original)
