@@ -12,7 +12,7 @@ LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
 # OpenSSL is the default.
 OTHER_TLS  ?= mbedtls wolfssl
 
-.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross cross bench footprint dist clean
+.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross cross bench footprint dist mutants clean
 
 deps:
 	@scripts/deps.sh
@@ -33,43 +33,37 @@ demo: deps-demo
 	LUA_CPATH="$(CURDIR)/$(BUILD)/?.so" scripts/with_peer.sh -c "$(CURDIR)/$(BUILD)/peer-certs" \
 	  -l "$(CURDIR)/$(BUILD)/peer.log" -- lua5.1 examples/demo.lua
 
-test-plain: build
-	ctest --test-dir $(BUILD) --output-on-failure -j $(JOBS)
+# Each test group prints one line (its full output goes to <build dir>/test.log);
+# `make test` runs every group, then prints the total "N passed, N failed".
+GROUP = JOBS=$(JOBS) scripts/test_group.sh
+
+test-plain: deps
+	@$(GROUP) plain $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
 
 test-asan: deps
-	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DWS_CLIENT_SANITIZE=ON
-	cmake --build $(ASAN_BUILD) -j $(JOBS)
-	ASAN_OPTIONS=detect_leaks=1 ctest --test-dir $(ASAN_BUILD) --output-on-failure -j $(JOBS)
+	@ASAN_OPTIONS=detect_leaks=1 $(GROUP) asan $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DWS_CLIENT_SANITIZE=ON
 
 # The other interpreters, each in a build of its own (build-lua5.2 ...
 # build-luajit): the module and the script-level tests under that interpreter
 # (module load, install, the examples and the demo against the local peer).
 # Only the 5.4 build adds the unit suite; the others build the module alone.
 $(LUA_LEGS): test-lua%: deps
-	cmake -S . -B build-lua$* -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUA=$(patsubst jit,luajit,$*) \
+	@$(GROUP) lua$* build-lua$* -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUA=$(patsubst jit,luajit,$*) \
 	  -DWS_CLIENT_TESTS=$(if $(filter 5.4,$*),ON,OFF)
-	cmake --build build-lua$* -j $(JOBS)
-	ctest --test-dir build-lua$* --output-on-failure -j $(JOBS)
 
 # Each fuzz target for FUZZ_SECONDS (make test-fuzz FUZZ_SECONDS=3600 for a long run).
 test-fuzz: deps
 	@if command -v clang++ >/dev/null 2>&1; then \
-	  cmake -S . -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_FUZZ=ON -DWS_CLIENT_FUZZ_SECONDS=$(FUZZ_SECONDS) && \
-	  cmake --build $(FUZZ_BUILD) -j $(JOBS) --target fuzz_targets && \
-	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
-	else echo "clang++ not found: fuzz targets not run"; fi
+	  TARGET=fuzz_targets $(GROUP) fuzz $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_FUZZ=ON -DWS_CLIENT_FUZZ_SECONDS=$(FUZZ_SECONDS); \
+	else echo "fuzz: clang++ not found, not run"; fi
 
 # The TLS and WebSocket tests, the examples and the demo on each other TLS
 # library, one build each in build-tls-NAME.
 test-tls: deps
-	@for tls in $(OTHER_TLS); do \
-	  echo "== TLS library: $$tls"; \
-	  cmake -S . -B build-tls-$$tls -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TLS=$$tls && \
-	  cmake --build build-tls-$$tls -j $(JOBS) && \
-	  ctest --test-dir build-tls-$$tls --output-on-failure -j $(JOBS) -R 'Tls|Ws|Handshake|examples' || exit 1; \
-	done
-
+	@status=0; for tls in $(OTHER_TLS); do \
+	  CTEST_ARGS="-E rockspec" $(GROUP) $$tls build-tls-$$tls -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TLS=$$tls || status=1; \
+	done; exit $$status
 
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
@@ -95,10 +89,22 @@ cross:
 # on s390x); one more leg on mbedTLS, the small-device TLS library, on arm64.
 test-cross:
 	@scripts/deps.sh cross
-	JOBS=$(JOBS) TLS=$(TLS) scripts/cross.sh -t $(CROSS_BUILD) $(ARCH)
-	JOBS=$(JOBS) TLS=mbedtls scripts/cross.sh -t $(CROSS_BUILD) arm64
+	@JOBS=$(JOBS) TLS=$(TLS) scripts/cross.sh -t $(CROSS_BUILD) $(ARCH); status=$$?; \
+	  JOBS=$(JOBS) TLS=mbedtls scripts/cross.sh -t $(CROSS_BUILD) arm64 && exit $$status
 
-test: test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross
+TEST_GROUPS := test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross
+TEST_COUNTS := $(BUILD) $(ASAN_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) $(FUZZ_BUILD) \
+               $(patsubst %,build-tls-%,$(OTHER_TLS)) $(CROSS_BUILD)/test-counts $(CROSS_BUILD)/test-counts-mbedtls
+test: deps
+	@for counts in $(TEST_COUNTS); do [ -d "$$counts" ] && counts="$$counts/test-counts"; rm -f "$$counts"; done
+	@$(MAKE) -k --no-print-directory $(TEST_GROUPS); status=$$?; \
+	  scripts/test_group.sh --total $(TEST_COUNTS) && exit $$status
+
+# Every mutant of tools/mutants.txt against the fast tests (incremental builds
+# in build-mutants/); the table ends with `killed K of N` and names every
+# mutant the baseline run killed that survives now.
+mutants: deps
+	@tools/mutate.py --killed build-mutants/killed.txt --baseline tools/mutants-baseline-killed.txt
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON
@@ -124,4 +130,4 @@ footprint: deps
 	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants

@@ -1,5 +1,5 @@
 // WebSocket round trips on 127.0.0.1 against one independent echo server
-// (python3-websockets, tests/peers/ws_echo_server.py): a script using the
+// (python3-websockets, bench/ws_echo_server.py): a script using the
 // module (ws_send, the loop delivers the echo to on_message, which sends the
 // next) versus plain C writing prebuilt masked frames and reading the echo
 // (the floor). Sequential: one message in flight.
@@ -54,7 +54,7 @@ echo_server start_echo_server() {
     if (pipe(to_child) == -1 || pipe(from_child) == -1)
         die("pipe");
     std::string python = "/usr/bin/python3";
-    std::string script = WS_CLIENT_SOURCE_DIR "/tests/peers/ws_echo_server.py";
+    std::string script = WS_CLIENT_SOURCE_DIR "/bench/ws_echo_server.py";
     char* argv[] = {python.data(), script.data(), nullptr};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);

@@ -27,7 +27,7 @@ qemu_for() {
 # The unit tests on s390x: all but three that need what qemu-user does not
 # emulate (select() on descriptors above 1023, select() leaving the time
 # that remained after a signal).
-unit_filter='-MainLoopTest.ServesAFullTableWithDescriptorsAbove1023:MainLoopTest.SignalsCutNeitherTheTimerNorSleep:ToolsTest.ConnectTimeoutConnectsOrReportsRefusedAndTimedOut'
+unit_filter='-SocketTest.LoopServesAFullTableAbove1023:WsTest.ConnectTimesOut'
 
 # build ARCH: sysroot, configure, module.
 build() {
@@ -97,8 +97,9 @@ built=()
 for arch in "$@"; do
   status=0
   build "$arch" || status=$?
-  case "$status" in 0) built+=("$arch") ;; 3) ;; *) echo "$arch: build FAILED"; failed=1 ;; esac
+  case "$status" in 0) built+=("$arch") ;; 3) ;; *) echo "$arch: build FAILED"; failed=$((failed + 1)) ;; esac
 done
+broken=$failed
 if [ "$test" -eq 1 ] && [ ${#built[@]} -gt 0 ]; then
   # The legs mostly wait on the peer: all of them run side by side.
   pids=()
@@ -110,6 +111,11 @@ if [ "$test" -eq 1 ] && [ ${#built[@]} -gt 0 ]; then
     [ "$arch" = s390x ] && { unit_tests "$arch" >"$build_root/$arch.unit.leg" 2>&1 || failed=1; }
   done
   for pid in "${pids[@]}"; do wait "$pid" || failed=1; done
-  for arch in "${built[@]}"; do cat "$build_root/$arch$suffix".*.leg; done
+  legs=()
+  for arch in "${built[@]}"; do legs+=("$build_root/$arch$suffix".*.leg); done
+  cat "${legs[@]}"
+  # For make test's total: legs passed, legs (and builds) failed.
+  echo "$(grep -l -E ': [^:]* passed \(' "${legs[@]}" | wc -l) $((broken + $(grep -l 'FAILED' "${legs[@]}" | wc -l)))" \
+    >"$build_root/test-counts$suffix"
 fi
-exit "$failed"
+[ "$failed" -eq 0 ]

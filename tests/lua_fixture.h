@@ -1,71 +1,52 @@
-// Common to the tests: a fresh interpreter with the module loaded, for
-// running script snippets, and the socket probes the snippets use.
+// A fresh interpreter with the module for each test. Snippets get `ws` and:
+//   events(): what opts(t)'s callbacks noted (t's own are kept), joined by "|": "open", "message"
+//     (data, from, port in message, from_, port_), "error:<errno>:<text>", "close:<reason>"
+//   tcp_opts(port, extra...): plain TCP options to 127.0.0.1:port plus each extra's fields
+//   deadline(seconds[, also]): a periodic function that stops the loop (timed_out) after `seconds`
+//   fd_of(obj), status_of(obj), copy_of(obj) (byte for byte), bind_loopback(obj) -> port,
+//   recv_tcp(fd) -> result, err (the TCP receive path), fd_is_open(fd), blocking(fd), watched(fd)
+//   (in the socket table), tls_sessions(), now()
 #pragma once
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "luacli.h"
 #include "peers/peer.h"
 #include "net.h"
+#include "tcp.h"
 #include "tls_owner.h"
 #include "tools.h"
 
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
-using ::testing::Not;
 using peers::step;
 
-class LuaTest : public ::testing::Test {
+class SocketTest : public ::testing::Test {
 protected:
     lua_State* L = nullptr;
-
+    int first_free_fd_ = 0;
     void SetUp() override;
     void TearDown() override;
-
-    // Runs `code`; returns "" on success, else the error message.
-    std::string run(const std::string& code);
-    // Registers a C function as a global for the snippets to call.
-    void expose(const char* name, lua_CFunction function);
-    std::string global_string(const char* name);
-    double global_number(const char* name);
-    void set_global(const char* name, double value);
-    void set_global(const char* name, const std::string& value);
+    // "" or the error message; with `result`, what the chunk returned (as text) instead
+    std::string run(const std::string& code, bool result = false);
+    std::string eval(const std::string& expression) { return run("return tostring(" + expression + ")", true); }
+    double num(const std::string& expression) { return std::stod(eval(expression)); }
+    std::string events() { return eval("events()"); }
+    void expose(const char* name, lua_CFunction function) { lua_pushcfunction(L, function), lua_setglobal(L, name); }
 };
 
-// Runs a snippet and fails the test with the interpreter's message. (5.2 and
-// later name status 0 LUA_OK; no test needs that name.)
+// (5.2 and later name status 0 LUA_OK; no test needs that name.)
 #undef LUA_OK
 #define LUA_OK(code) ASSERT_EQ(run(code), "")
+// Lua source for `text` as a string literal.
+inline std::string quoted(const std::string& text) { return "[==[" + text + "]==]"; }
 
-// What the file at `path` holds ("" if none).
-std::string file_text(const std::string& path);
-
-// For tests with real sockets; closes every socket a test left open. Snippets get:
-//   events(): what the callbacks of opts() noted, joined by "|":
-//     "open", "message" (data, from, port in message, from_, port_),
-//     "error:<errno>:<text>", "close:<reason>"
-//   opts(t): t with recording callbacks where it has none
-//   tcp_opts(port, extra...): plain TCP options to 127.0.0.1:port, then the fields of each extra
-//   fd_of(obj), status_of(obj), copy_tcp(obj) (a byte-for-byte copy)
-//   recv_tcp(fd) -> result, err: the TCP receive path, once fd is readable
-//   bind_loopback(obj) -> port; peer_open() -> fd, port
-//   peer_send(fd, port, data); peer_recv(fd[, wait]) -> data, port | nothing
-//   fd_is_open(fd), close_fd(fd), wait_readable(fd), tls_sessions(), now() -> monotonic seconds
-//   deadline(seconds[, also]): a periodic function (calling also) that stops the loop
-//     and sets timed_out once `seconds` have passed
-class SocketTest : public LuaTest {
-protected:
-    void SetUp() override;
-    void TearDown() override;
-    std::string events();
-
-private:
-    int first_free_fd_ = 0;
-};

@@ -95,7 +95,7 @@ class ProtectTest : public SocketTest {
 protected:
     void SetUp() override {
         SocketTest::SetUp();
-        set_global("certs", dir());
+        LUA_OK("certs = " + quoted(dir()));
         LUA_OK(R"(
             function tls_opts(port, extra)
               return tcp_opts(port, { is_secure = 1, crt = certs .. "client.crt", prikey = certs .. "client.key" }, extra)
@@ -106,7 +106,7 @@ protected:
             function note(text) if text ~= "open" and not blocked then blocked = now() - t0 end base(text) end
             function run_loop()
               local u = ws.udp_connect(ws.udp_new(), { type = 2, on_message = function() udp_served = true end })
-              peer_send(peer_open(), bind_loopback(u), "other socket")
+              ws.udp_sendto(ws.udp_connect(ws.udp_new(), { type = 2 }), "other socket", "127.0.0.1", bind_loopback(u))
               t0 = now()
               pcall(ws.loop_start, deadline(S), 1, 0)  -- a WebSocket closed in the loop ends it, as designed
             end)");
@@ -134,14 +134,14 @@ TEST_F(ProtectTest, VerificationAcceptsOnlyTheRightCaNameAndDates) {
         SCOPED_TRACE(std::string(r.url) + " " + r.cert + " " + r.keys);
         const bool ws = *r.url != '\0';
         stall_peer peer(ws, "", 300, r.cert);
-        set_global("port", peer.port);
+        LUA_OK("port = " + std::to_string(peer.port));
         LUA_OK("clear_events(); ws.set_debug(certs .. 'debug.log'); local keys = {" + std::string(r.keys) + "}\n" +
                (ws ? "conn = ws.ws_connect(ws.ws_new(), ws_opts('" + std::string(r.url) + "', port, keys))"
                    : "conn = ws.tcp_connect(ws.tcp_new(), tls_opts(port, keys))") +
                "\nif conn then ws." + (ws ? "ws" : "tcp") + "_close(conn) end; ws.set_debug('NULL')");
         EXPECT_THAT(events(), MatchesRegex(r.refused_for == nullptr ? "open\\|close:User do close"
                                                                     : "error:[0-9]+:ssl[ _]connect[ _]fail!?\\|close:ssl_connect_fail"));
-        EXPECT_THAT(file_text(dir() + "debug.log"), HasSubstr(r.refused_for ? r.refused_for : ""));  // the log says why
+        EXPECT_THAT(eval("io.open(certs .. 'debug.log'):read('*a')"), HasSubstr(r.refused_for ? r.refused_for : ""));  // the log says why
         std::filesystem::remove(dir() + "debug.log");
         EXPECT_EQ(peer.finish(), r.refused_for == nullptr ? r.sni : "-");
     }
@@ -170,11 +170,11 @@ TEST_F(ProtectTest, IoTimeoutBoundsEveryUnboundedWait) {
         for (const bool bound : {true, false}) {
             SCOPED_TRACE(std::string(r.wait) + (bound ? " with io_timeout" : " without"));
             stall_peer peer(r.upgrade, r.bytes, int(stall * 1000), r.cert, std::string(r.wait) == "tcp_send");
-            set_global("port", peer.port);
+            LUA_OK("port = " + std::to_string(peer.port));
             LUA_OK("clear_events(); blocked, udp_served = nil; S = " + std::to_string(stall + 0.4) + "; keys = {" +
                    (bound ? "io_timeout = " + std::to_string(io) : "") + "}; " + r.lua + "; blocked = blocked or now() - t0");
             EXPECT_THAT(events(), MatchesRegex(bound ? r.bounded : r.unbounded));
-            const double blocked = global_number("blocked");
+            const double blocked = num("blocked");
             std::printf("%-18s io_timeout %-5s blocked %.3f s\n", r.wait, bound ? std::to_string(io).c_str() : "-", blocked);
             EXPECT_TRUE(bound ? blocked > io - 0.05 && blocked < io + 0.5 : blocked > stall - 0.3) << blocked;
             EXPECT_TRUE(std::string(r.lua).find("run_loop") == std::string::npos || run("assert(udp_served)").empty());
@@ -189,10 +189,10 @@ TEST_F(ProtectTest, ErrorsNameTheKeyAndCallbackErrorsAreLogged) {
                               {"tcp_opts(1, { io_timeout = -1 })", "(field 'io_timeout': 0 or more seconds expected"},
                               {"tcp_opts(1, { cafile = true })", "(field 'cafile': string expected, got boolean)"}})
         EXPECT_THAT(run("ws.tcp_connect(ws.tcp_new(), " + std::string(code) + ")"), HasSubstr(says));
-    EXPECT_THAT(run("local u = ws.udp_connect(ws.udp_new(), {}); peer_send(peer_open(), bind_loopback(u), 'x'); "
+    EXPECT_THAT(run("local u = ws.udp_connect(ws.udp_new(), {}); ws.udp_sendto(ws.udp_connect(ws.udp_new(), { type = 2 }), 'x', '127.0.0.1', bind_loopback(u)); "
                     "ws.loop_start(deadline(2), 1, 0)"), HasSubstr("#-1 to 'loop_start' (field 'type': number expected, got nil)"));
     LUA_OK("ws.set_debug(certs .. 'cb.log'); local u = ws.udp_connect(ws.udp_new(), { type = 2, on_open = function() "
            "error('boom') end }); ws.udp_close(u); ws.set_debug('NULL')");  // on_close is absent: no line
-    EXPECT_THAT(file_text(dir() + "cb.log"), MatchesRegex("(.|\n)*on_open raised an error: .*boom(.|\n)*"));
-    EXPECT_THAT(file_text(dir() + "cb.log"), Not(HasSubstr("on_close raised")));
+    EXPECT_THAT(eval("io.open(certs .. 'cb.log'):read('*a')"), MatchesRegex("(.|\n)*on_open raised an error: .*boom(.|\n)*"));
+    EXPECT_THAT(eval("io.open(certs .. 'cb.log'):read('*a')"), ::testing::Not(HasSubstr("on_close raised")));
 }

@@ -5,13 +5,11 @@
 find_program(WS_CLIENT_INTERPRETER ${WS_CLIENT_LUA_BIN} REQUIRED)
 set(script_tests_dir ${CMAKE_CURRENT_LIST_DIR})
 
-# Module load, for a build whose unit tests are off.
-if(NOT WS_CLIENT_TESTS)
-  add_test(NAME load_module_${WS_CLIENT_LUA_BIN}
-           COMMAND ${WS_CLIENT_INTERPRETER} ${script_tests_dir}/lua/load_module.lua)
-  set_tests_properties(load_module_${WS_CLIENT_LUA_BIN} PROPERTIES
-    ENVIRONMENT "LUA_CPATH=${PROJECT_BINARY_DIR}/?.so" TIMEOUT 60)
-endif()
+# The built module loaded by the build's interpreter.
+add_test(NAME load_module_${WS_CLIENT_LUA_BIN}
+         COMMAND ${WS_CLIENT_INTERPRETER} ${script_tests_dir}/lua/load_module.lua)
+set_tests_properties(load_module_${WS_CLIENT_LUA_BIN} PROPERTIES
+  ENVIRONMENT "LUA_CPATH=${PROJECT_BINARY_DIR}/?.so" TIMEOUT 60)
 
 add_test(NAME examples_${WS_CLIENT_LUA_BIN}
          COMMAND ${script_tests_dir}/examples_test.sh ${WS_CLIENT_INTERPRETER} ${PROJECT_BINARY_DIR})
@@ -28,13 +26,6 @@ add_test(NAME install_${WS_CLIENT_LUA_BIN}
          COMMAND ${script_tests_dir}/package_test.sh install ${PROJECT_BINARY_DIR} ${ws_client_cmod}
                  ${WS_CLIENT_INTERPRETER} ${ws_client_lmod})
 set_tests_properties(install_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 120)
-
-# The peer itself, against independent clients; once is enough.
-if(WS_CLIENT_LUA STREQUAL "5.1")
-  add_test(NAME local_peer
-           COMMAND ${PROJECT_SOURCE_DIR}/scripts/with_peer.sh -t 120 -- /usr/bin/python3 ${script_tests_dir}/peer_test.py)
-  set_tests_properties(local_peer PROPERTIES TIMEOUT 150)
-endif()
 
 # The release tarball and the rock built from it, for every Lua luarocks
 # can target: once, from the 5.1 build.

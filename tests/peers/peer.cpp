@@ -30,6 +30,9 @@ bool take(int fd, std::string& into, std::size_t count) {
     return true;
 }
 
+const std::string kAnswer =
+    "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: {accept}\r\n\r\n";
+
 // The client runs in this process: its end is the socket whose ports mirror ours.
 int client_end(int fd) {
     sockaddr_in ends[4]{};
@@ -57,14 +60,15 @@ void send_read(int fd, int client, const std::string& bytes) {
     }
 }
 
-std::string upgrade_answer(const std::string& request) {
+// `answer` with {accept} replaced by the accept value for the request's key.
+std::string upgrade_answer(const std::string& request, std::string answer) {
     const auto at = std::min(request.find("Key: ") + 5, request.size());
     const std::string joined = request.substr(at, 24) + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
     unsigned char digest[SHA_DIGEST_LENGTH], encoded[32];
     SHA1(reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest);
-    return "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: " +
-           std::string(reinterpret_cast<char*>(encoded), EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH)) +
-           "\r\n\r\n";
+    const std::string accept(reinterpret_cast<char*>(encoded), EVP_EncodeBlock(encoded, digest, SHA_DIGEST_LENGTH));
+    const auto field = answer.find("{accept}");
+    return field == std::string::npos ? answer : answer.replace(field, 8, accept);
 }
 
 }  // namespace
@@ -94,9 +98,8 @@ int listen_loopback(int backlog, uint16_t* port) {
 bool wait_readable(int fd, std::chrono::milliseconds limit) {
     pollfd watched{fd, POLLIN, 0};
     int ready;
-    do {
-        ready = poll(&watched, 1, static_cast<int>(limit.count()));
-    } while (ready == -1 && errno == EINTR);
+    while ((ready = poll(&watched, 1, static_cast<int>(limit.count()))) == -1 && errno == EINTR) {
+    }
     return ready > 0;
 }
 
@@ -108,20 +111,16 @@ script_peer::script_peer(std::vector<step> steps) {
         const int fd = wait_readable(listener, 10000ms) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
         if (fd < 0)
             return;
-        taken = true;
         const int client = client_end(fd);
         for (const step& now : steps) {
             if (now.what == step::upgrade) {
                 while (seen.find("\r\n\r\n") == std::string::npos && take(fd, seen, 1)) {
                 }
-                send_read(fd, client, !now.bytes.empty() ? now.bytes : upgrade_answer(seen));
+                send_read(fd, client, upgrade_answer(seen, !now.bytes.empty() ? now.bytes : kAnswer));
             } else if (now.what == step::send) {
                 send_read(fd, client, now.bytes);
             } else if (now.what == step::read || now.what == step::drain) {
                 take(fd, seen, now.what == step::read ? now.count : SIZE_MAX);
-            } else if (now.what == step::hold) {
-                for (int waited = 0; waited < 10000 && !stop; ++waited)
-                    usleep(1000);
             } else {
                 const linger abort_on_close{1, 0};
                 if (setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close) != 0)
@@ -133,15 +132,8 @@ script_peer::script_peer(std::vector<step> steps) {
 }
 
 script_peer::~script_peer() {
-    stop = true;
     transcript();
     close(listener);
-}
-
-bool script_peer::accepted() {
-    for (int waited = 0; waited < 5000 && !taken; ++waited)
-        usleep(1000);
-    return taken;
 }
 
 const std::string& script_peer::transcript() {
@@ -192,52 +184,5 @@ certificates::certificates() {
 }
 
 certificates::~certificates() { std::filesystem::remove_all(dir); }
-
-tls_server::tls_server(const certificates& certs) {
-    const std::string command = "cd " + certs.dir.string() + " && echo $$ && exec timeout 60 openssl s_server " +
-                                "-accept 127.0.0.1:0 -rev -cert server.crt -key server.key -Verify 1 " +
-                                "-CAfile client.crt </dev/null 2>&1";
-    output = popen(command.c_str(), "r");
-    char line[512];
-    if (output == nullptr || fgets(line, sizeof line, output) == nullptr)
-        fail("s_server");
-    pid = std::atoi(line);
-    do {  // it prints "ACCEPT 127.0.0.1:PORT" once it listens
-        if (fgets(line, sizeof line, output) == nullptr)
-            fail("s_server did not start");
-        printed += line;
-    } while (std::sscanf(line, "ACCEPT 127.0.0.1:%hu", &port) != 1);
-}
-
-std::string tls_server::stop() {
-    if (output != nullptr) {
-        kill(pid, SIGTERM);  // timeout passes it on to openssl
-        char chunk[4096];
-        for (std::size_t got; (got = fread(chunk, 1, sizeof chunk, output)) > 0;)
-            printed.append(chunk, got);
-        pclose(output);
-        output = nullptr;
-    }
-    return printed;
-}
-
-echo_server::echo_server(bool tls) {
-    int printed[2];  // the port
-    if (pipe(printed) != 0)
-        return;
-    const std::string command = "exec /usr/bin/python3 '" WS_CLIENT_SOURCE_DIR "/tests/peers/ws_echo_server.py'" +
-                                std::string(tls ? " --tls" : "") + " >/dev/fd/" + std::to_string(printed[1]);
-    input = popen(command.c_str(), "we");  // the server leaves when its input closes
-    close(printed[1]);
-    FILE* output = fdopen(printed[0], "r");
-    if (input == nullptr || !wait_readable(printed[0], 10000ms) || std::fscanf(output, "%hu", &port) != 1)
-        port = 0;
-    std::fclose(output);
-}
-
-echo_server::~echo_server() {
-    if (input != nullptr)
-        pclose(input);
-}
 
 }  // namespace peers

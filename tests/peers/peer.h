@@ -1,14 +1,10 @@
 // Test peers on 127.0.0.1: loopback helpers, an in-process server playing a
-// script of steps on one connection, and independent servers (`openssl
-// s_server`, python3-websockets) with certificates made at test time.
+// script of steps on one connection; certificates made at test time.
 #pragma once
 
 #include <netinet/in.h>
-#include <sys/types.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -19,21 +15,18 @@ namespace peers {
 using namespace std::chrono_literals;
 
 sockaddr_in loopback(uint16_t port);
-// Binds fd to 127.0.0.1 on a port picked by the system; the port, or -1.
-int bind_loopback(int fd);
-// A listening TCP socket on 127.0.0.1; its port in *port.
-int listen_loopback(int backlog, uint16_t* port);
+int bind_loopback(int fd);                         // to 127.0.0.1, any port: the port, or -1
+int listen_loopback(int backlog, uint16_t* port);  // a listening TCP socket on 127.0.0.1
 // Waits until fd is readable or has an error pending; false after `limit`.
 bool wait_readable(int fd, std::chrono::milliseconds limit = 5000ms);
 
-// upgrade: reads the request, sends `bytes` or else the right WebSocket
-// answer; send: `bytes`; both return once the client has read all (or is
-// gone), so that each lands in a read of its own. read: `count` bytes. drain:
-// until the client closes. hold: until the peer is destroyed. reset: the final
-// close sends a reset. Waits are bounded (5-10 s). Without steps nothing
-// listens: connects are refused.
+// upgrade: reads the request, sends `bytes` ({accept}: the accept value for its
+// key) or else the right answer; send: `bytes`; both return once the client has
+// read all (or is gone), so that each lands in a read of its own. read: `count`
+// bytes. drain: until the client closes. reset: the final close sends a reset.
+// Waits are bounded (5-10 s). Without steps nothing listens: connects are refused.
 struct step {
-    enum kind { upgrade, send, read, drain, hold, reset } what;
+    enum kind { upgrade, send, read, drain, reset } what;
     std::string bytes = {};
     std::size_t count = 0;
 };
@@ -41,12 +34,10 @@ struct step {
 struct script_peer {
     explicit script_peer(std::vector<step> steps);
     ~script_peer();
-    bool accepted();  // waits (5 s at most) until the connection is taken
     const std::string& transcript();  // all the client sent, once the script ended
 
     int listener = -1;
     uint16_t port = 0;
-    std::atomic<bool> stop{false}, taken{false};
     std::string seen;
     std::thread thread;
 };
@@ -62,25 +53,6 @@ struct certificates {
     std::filesystem::path dir;
     certificates();
     ~certificates();
-};
-
-// `openssl s_server -rev` (answers each line reversed), requiring the client
-// certificate. Killed when destroyed, 60 s at most.
-struct tls_server {
-    explicit tls_server(const certificates& certs);
-    ~tls_server() { stop(); }
-    std::string stop();  // everything it printed
-    pid_t pid = -1;
-    FILE* output = nullptr;
-    uint16_t port = 0;
-    std::string printed;
-};
-
-struct echo_server {  // ws_echo_server.py; stopped when destroyed; port 0 if it did not start
-    explicit echo_server(bool tls);
-    ~echo_server();
-    FILE* input = nullptr;
-    uint16_t port = 0;
 };
 
 }  // namespace peers

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # Echo server on 127.0.0.1 (python3-websockets), an independent peer for the
-# tests and the benchmark: prints its port, echoes every message, but pings on
+# WebSocket benchmark: prints its port, echoes every message, but pings on
 # "please ping" (then sends "pong seen") and closes with 1000 on "please close".
 # --tls: with a certificate made now by openssl. Ends when stdin closes (120 s at most).
 import asyncio, os, ssl, subprocess, sys, tempfile  # noqa: E401

@@ -1,0 +1,101 @@
+// The Lua-free cores on crafted inputs: chunked decoding, the handshake's
+// key and accept value, URL splitting; the socket table; the debug log.
+
+#include "chunked.h"
+#include "handshake.h"
+#include "lua_fixture.h"
+
+TEST(Chunked, HexSizesAndDesignedDecodes) {
+    for (const auto& [text, value] : {std::pair{"0X1f", 31}, {"1A;ext", 26}, {"g", 16}, {"ffffffff", -1}})
+        EXPECT_EQ(htoi(text), value) << text;
+    const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+    const struct {
+        std::string text;
+        int complete;
+        std::string body;
+        std::size_t capacity = 1 << 20;
+    } cases[] = {
+        {head + "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n", 1, "hello world"},
+        {head + "7\r\nab0\r\n\r\n\r\n3\r\nxyz\r\n0\r\n\r\n", 0, "ab0\r\n\r\n"},  // the first final pattern ends it
+        {head + "5\r\nhello\r\n0\r\nX-T: 1\r\n\r\n", 0, ""},                     // trailers: no final pattern
+        {head + "5\r\nhello\n\n0\r\n\r\n", 0, ""},
+        {head + "5\r\nhello\rX0\r\n\r\n", 0, ""},
+        {head + "7fffffff\r\nabc\r\n0\r\n\r\n", 0, ""},
+        {head + std::string(CHUNK_LINE_SPAN - 1, '1') + "\r\n0\r\n\r\n", 0, ""},  // line end past the span
+        {head + "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n", 0, "hello", 8},  // the body space bounds the writes
+    };
+    for (const auto& c : cases) {
+        std::vector<char> body(c.capacity);
+        std::size_t length = 0;
+        EXPECT_EQ(de_chunked(c.text, body, &length), c.complete) << c.text;
+        EXPECT_EQ(std::string(body.data(), length), c.body) << c.text;
+    }
+}
+
+TEST(Handshake, AcceptAndKey) {
+    char value[TEXT_FIELD_SIZE];
+    sec_websocket_accept("dGhlIHNhbXBsZSBub25jZQ==", value);
+    EXPECT_STREQ(value, "s3pPLMBiTxaQ9kYGzzhZRbK+xOo=");  // RFC 6455's example
+    sec_websocket_key(value);
+    EXPECT_THAT(value, MatchesRegex("[A-Za-z0-9+/]{22}=="));
+    // RFC 3174's SHA-1 vectors (piece, times) and RFC 4648's Base64 vectors
+    for (const auto& [piece, times, hex] : {std::tuple{"abc", 1, "a9993e364706816aba3e25717850c26c9cd0d89d"},
+                                            {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq", 1,
+                                             "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+                                            {"a", 1000000, "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}}) {
+        std::string input, text;
+        for (int i = 0; i < times; ++i)
+            input += piece;
+        uint8_t digest[SHA1_SIZE];
+        sha1(input.data(), input.size(), digest);
+        for (const uint8_t byte : digest)
+            text += "0123456789abcdef"[byte >> 4], text += "0123456789abcdef"[byte & 15];
+        EXPECT_EQ(text, hex) << piece;
+    }
+    for (const auto& [input, encoded] : {std::pair{"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"}}) {
+        char out[16];
+        EXPECT_EQ(base64_encode(reinterpret_cast<const unsigned char*>(input), std::strlen(input), out),
+                  static_cast<int>(std::strlen(encoded)));
+        EXPECT_STREQ(out, encoded);
+    }
+}
+
+TEST(Url, PrefixDecidesTheSchemeAndEverySlashSplits) {
+    const std::string long_path = "/" + std::string(198, 'p');
+    const std::tuple<std::string, int, std::string> rows[] = {  // url, is_secure, host|path or -1
+        {"ws://example/chat", 0, "example|/chat"}, {"wssx://h/a/b?x=1", 1, "h|/a/b?x=1"}, {"ws://h", 0, "h|"},
+        {"ws://user@h:8080//a//", 0, "user@h:8080|/a"}, {"WS://h", -1, "h|"}, {"ws://", 0, "-1"},
+        {"ws://h" + long_path, 0, "h|" + long_path}, {"ws://h" + long_path + "p", 0, "-1"}};
+    for (const auto& [url, secure, split] : rows) {
+        char copy[400], host[TEXT_FIELD_SIZE] = "", path[TEXT_FIELD_SIZE] = "";
+        EXPECT_EQ(is_secure(std::strcpy(copy, url.c_str())), secure) << url;
+        EXPECT_EQ(get_host_path(copy, host, path) == -1 ? "-1" : std::string(host) + "|" + path, split) << url;
+    }
+}
+
+TEST(SocketTable, AddIsIdempotentAndRemovalCloseUpTheGap) {
+    std::fill(std::begin(socktbl), std::end(socktbl), 0);
+    for (int32_t fd = 100; fd < 100 + SOCKET_TABLE_SIZE; ++fd)
+        ASSERT_EQ(sock_add(fd), fd - 100);
+    EXPECT_EQ(sock_add(150), 50);
+    EXPECT_EQ(sock_add(5000), -1) << "full";
+    EXPECT_EQ(sock_rem(100), 1);
+    EXPECT_EQ(sock_rem(100), -1);
+    EXPECT_EQ(socktbl[0], 101);
+    EXPECT_EQ(socktbl[SOCKET_TABLE_SIZE - 2], 100 + SOCKET_TABLE_SIZE - 1);
+    EXPECT_EQ(socktbl[SOCKET_TABLE_SIZE - 1], 0);
+}
+
+// Off by default; one line per call in the designed format; errno survives.
+TEST_F(SocketTest, DebugLogBetweenSetDebugAndNULL) {
+    LUA_OK("log = os.tmpname(); ws.set_debug(log)");
+    setenv("TZ", "Missing/Zone", 1);  // as on a device without zone files: the time stamp sets errno
+    errno = ECONNRESET;
+    debug_log_write("tcp", "tcp_recv", 47, "n=%d\n", 3);
+    EXPECT_EQ(errno, ECONNRESET);
+    unsetenv("TZ");
+    LUA_OK("ws.set_debug('NULL'); ws.udp_new()");
+    EXPECT_THAT(eval("io.open(log):read('*a')"), MatchesRegex("\\[Time: [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} [0-9]{4}, "
+                                             "File: tcp, Function: tcp_recv, Line: 00047\\]: n=3\n"));
+    LUA_OK("os.remove(log)");
+}
