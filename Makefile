@@ -59,14 +59,14 @@ test-fuzz: deps
 	  ctest --test-dir $(FUZZ_BUILD) --output-on-failure -j $(JOBS); \
 	else echo "clang++ not found: fuzz targets not run"; fi
 
-# The TLS and WebSocket tests, the examples and the demo on each other TLS
+# The TLS, WebSocket and protection tests, the examples and the demo on each other TLS
 # library, one build each in build-tls-NAME.
 test-tls: deps
 	@for tls in $(OTHER_TLS); do \
 	  echo "== TLS library: $$tls"; \
 	  cmake -S . -B build-tls-$$tls -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TLS=$$tls && \
 	  cmake --build build-tls-$$tls -j $(JOBS) && \
-	  ctest --test-dir build-tls-$$tls --output-on-failure -j $(JOBS) -R 'Tls|Ws|Handshake|examples' || exit 1; \
+	  ctest --test-dir build-tls-$$tls --output-on-failure -j $(JOBS) -R 'Tls|Ws|Handshake|Protect|examples' || exit 1; \
 	done
 
 test: test-plain test-asan $(LUA_LEGS) test-fuzz test-tls
