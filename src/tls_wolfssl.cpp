@@ -10,10 +10,12 @@
 #include <wolfssl/openssl/evp.h>
 #include <wolfssl/ssl.h>
 #include <wolfssl/wolfio.h>
+#include <arpa/inet.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -25,6 +27,8 @@ struct tls_session {
     WOLFSSL* ssl;
     int fd;
     bool broken;  // the stream ended without a close-notify or failed: no more writes
+    int handshake_error;  // the library's code for a failed handshake, 0 if none
+    bool timed_out;       // the last call's wait bound ran out (the library may call it a close)
 };
 
 namespace {
@@ -49,9 +53,10 @@ void note_failure(int code) {
 void note_session_failure(WOLFSSL* ssl, int result) { note_failure(wolfSSL_get_error(ssl, result)); }
 
 // ---- socket layer without SIGPIPE ----
-// The I/O context is the session. A
-// signal-interrupted or would-block call asks wolfSSL to come back, which the
-// read and write below turn into -1 with errno as the call left it.
+// The I/O context is the session. A signal-interrupted call asks wolfSSL to
+// come back, which the read and write below turn into -1 with errno as the
+// call left it; EAGAIN, the descriptor's wait bound (io_timeout) running out,
+// fails the call with errno left at EAGAIN.
 
 int socket_send(WOLFSSL*, char* bytes, int size, void* context) {
     const ssize_t sent = send(static_cast<tls_session*>(context)->fd, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL);
@@ -59,8 +64,10 @@ int socket_send(WOLFSSL*, char* bytes, int size, void* context) {
         return static_cast<int>(sent);
     switch (errno) {
     case EINTR:
-    case EAGAIN:
         return WOLFSSL_CBIO_ERR_WANT_WRITE;
+    case EAGAIN:  // on the blocking descriptor: its wait bound ran out
+        static_cast<tls_session*>(context)->timed_out = true;
+        return WOLFSSL_CBIO_ERR_TIMEOUT;
     case ECONNRESET:
         return WOLFSSL_CBIO_ERR_CONN_RST;
     case EPIPE:
@@ -78,7 +85,13 @@ int socket_recv(WOLFSSL*, char* into, int size, void* context) {
         return WOLFSSL_CBIO_ERR_CONN_CLOSE;
     // A reset is a general failure here: wolfSSL reports its own reset code
     // as the end of the stream, which only the end of the stream may be.
-    return errno == EINTR || errno == EAGAIN ? WOLFSSL_CBIO_ERR_WANT_READ : WOLFSSL_CBIO_ERR_GENERAL;
+    // A bound that ran out is no call to come back: the handshake would wait
+    // again.
+    if (errno == EAGAIN) {
+        static_cast<tls_session*>(context)->timed_out = true;
+        return WOLFSSL_CBIO_ERR_TIMEOUT;
+    }
+    return errno == EINTR ? WOLFSSL_CBIO_ERR_WANT_READ : WOLFSSL_CBIO_ERR_GENERAL;
 }
 
 bool library_ready = false;
@@ -167,6 +180,22 @@ int tls_context_use_key(tls_context* context, const char* key_file) {
 
 void tls_context_free(tls_context* context) { wolfSSL_CTX_free(ctx_of(context)); }
 
+int tls_context_verify(tls_context* context, const char* ca_file, const char* ca_dir) {
+    // The directory is read whole (every file in it, not by hashed names);
+    // files in it that hold no certificate are skipped.
+    int loaded = WOLFSSL_SUCCESS;
+    if (ca_file != nullptr)
+        loaded = wolfSSL_CTX_load_verify_locations_ex(ctx_of(context), ca_file, nullptr, WOLFSSL_LOAD_FLAG_NONE);
+    if (ca_dir != nullptr && loaded == WOLFSSL_SUCCESS)
+        loaded = wolfSSL_CTX_load_verify_locations_ex(ctx_of(context), nullptr, ca_dir, WOLFSSL_LOAD_FLAG_IGNORE_ERR);
+    if (loaded != WOLFSSL_SUCCESS) {
+        note_failure(loaded);
+        return -1;
+    }
+    wolfSSL_CTX_set_verify(ctx_of(context), WOLFSSL_VERIFY_PEER, nullptr);
+    return 0;
+}
+
 tls_session* tls_session_new(tls_context* context) {
     auto* session = static_cast<tls_session*>(std::calloc(1, sizeof(tls_session)));
     session->ssl = session != nullptr ? wolfSSL_new(ctx_of(context)) : nullptr;
@@ -186,11 +215,79 @@ int tls_session_bind(tls_session* session, int fd) {
     return 0;
 }
 
+int tls_session_send_name(tls_session* session, const char* name) {
+    const std::size_t length = std::strlen(name);
+    const int set = length <= 0xFFFF ? wolfSSL_UseSNI(session->ssl, WOLFSSL_SNI_HOST_NAME, name, static_cast<word16>(length))
+                                     : BAD_FUNC_ARG;
+    if (set == WOLFSSL_SUCCESS)
+        return 0;
+    note_failure(set);
+    return -1;
+}
+
+int tls_session_expect_identity(tls_session* session, const char* identity) {
+    unsigned char address[sizeof(in6_addr)];
+    const bool literal =
+        inet_pton(AF_INET, identity, address) == 1 || inet_pton(AF_INET6, identity, address) == 1;
+    // a domain name check would compare an address literal as text with the
+    // DNS names too
+    const int set = literal ? wolfSSL_X509_VERIFY_PARAM_set1_ip_asc(wolfSSL_get0_param(session->ssl), identity)
+                            : wolfSSL_check_domain_name(session->ssl, identity);
+    if (set == WOLFSSL_SUCCESS)
+        return 0;
+    note_failure(set);
+    return -1;
+}
+
+namespace {
+
+// The chain's verdict in words: the library names few of these codes.
+const char* chain_verdict(long code) {
+    switch (code) {
+    case X509_V_ERR_CERT_NOT_YET_VALID:
+        return "certificate not valid yet";
+    case X509_V_ERR_CERT_HAS_EXPIRED:
+        return "certificate has expired";
+    case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+    case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+        return "self-signed certificate not among the trusted CAs";
+    case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+    case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+        return "no trusted CA issued the certificate";
+    case X509_V_ERR_CERT_SIGNATURE_FAILURE:
+        return "certificate signature does not verify";
+    default:
+        return wolfSSL_X509_verify_cert_error_string(code);
+    }
+}
+
+}  // namespace
+
+const char* tls_verify_result(const tls_session* session) {
+    // The chain's verdict, with the handshake's failure in the library's
+    // words; a refused name or address is the handshake's alone.
+    const long result = wolfSSL_get_verify_result(session->ssl);
+    const int failure = session->handshake_error;
+    const bool refused_identity = failure == DOMAIN_NAME_MISMATCH || failure == IPADDR_MISMATCH;
+    if (result == 0 && !refused_identity)
+        return "ok";
+    static char text[256];
+    const char* why = wolfSSL_ERR_reason_error_string(static_cast<unsigned long>(failure));
+    if (result == 0)
+        return why;
+    std::snprintf(text, sizeof text, "%s (%s)", chain_verdict(result), why != nullptr ? why : "");
+    return text;
+}
+
 int tls_session_connect(tls_session* session) {
+    session->timed_out = false;
     const int result = wolfSSL_connect(session->ssl);  // blocking: waits for the whole handshake
     if (result == WOLFSSL_SUCCESS)
         return 0;
-    note_session_failure(session->ssl, result);
+    const int kept = errno;
+    session->handshake_error = wolfSSL_get_error(session->ssl, result);
+    errno = session->timed_out ? EAGAIN : kept;
+    note_failure(session->handshake_error);
     return -1;
 }
 
@@ -205,9 +302,15 @@ long tls_read(tls_session* session, void* into, std::size_t size) {
     last_error[0] = '\0';
     if (size == 0)
         return 0;
+    session->timed_out = false;
     const int got = wolfSSL_read(session->ssl, into, clamp(size));
     if (got > 0)
         return got;
+    if (session->timed_out) {  // reported as the peer's close: it is not one
+        note_failure(SOCKET_ERROR_E);
+        errno = EAGAIN;
+        return -1;
+    }
     // The end of the stream, with a close-notify or without, reads as 0, as
     // it does through OpenSSL. Without one, or after a failure of the
     // protocol (not of the socket), the session takes no more writes, as
@@ -229,10 +332,13 @@ long tls_write(tls_session* session, const void* bytes, std::size_t size) {
         return 0;  // nothing is sent, as with OpenSSL
     if (session->broken)
         return -1;
+    session->timed_out = false;
     const int written = wolfSSL_write(session->ssl, bytes, clamp(size));
     if (written > 0)
         return written;
     note_session_failure(session->ssl, written);
+    if (session->timed_out)
+        errno = EAGAIN;
     return -1;
 }
 
