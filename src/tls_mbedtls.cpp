@@ -289,24 +289,19 @@ void tls_context_free(tls_context* context) {
 }
 
 int tls_context_verify(tls_context* context, const char* ca_file, const char* ca_dir) {
-    // A file or directory that does not open fails; certificates in it that
-    // do not parse are skipped (a directory is read whole, every file in it,
-    // not by hashed names), as long as one loads.
-    int result = 0;
+    // The file must hold a certificate that parses (others in it that do
+    // not are skipped). The directory is read whole, every file in it, not by
+    // hashed names; one that does not open or holds none adds nothing, and
+    // the handshake finds no trusted CA, as OpenSSL's lookup there would.
     if (ca_file != nullptr) {
         const int parsed = mbedtls_x509_crt_parse_file(&context->ca, ca_file);
-        result = parsed < 0 ? parsed : result;
+        if (parsed < 0 || context->ca.raw.p == nullptr) {
+            note_failure(parsed < 0 ? parsed : MBEDTLS_ERR_X509_CERT_UNKNOWN_FORMAT);
+            return -1;
+        }
     }
-    if (ca_dir != nullptr && result == 0) {
-        const int parsed = mbedtls_x509_crt_parse_path(&context->ca, ca_dir);
-        result = parsed < 0 ? parsed : result;
-    }
-    if (result == 0 && context->ca.raw.p == nullptr)
-        result = MBEDTLS_ERR_X509_CERT_UNKNOWN_FORMAT;
-    if (result != 0) {
-        note_failure(result);
-        return -1;
-    }
+    if (ca_dir != nullptr)
+        mbedtls_x509_crt_parse_path(&context->ca, ca_dir);
     mbedtls_ssl_conf_ca_chain(&context->config, &context->ca, nullptr);
     mbedtls_ssl_conf_authmode(&context->config, MBEDTLS_SSL_VERIFY_REQUIRED);
     return 0;
@@ -379,8 +374,14 @@ const char* tls_verify_result(const tls_session* session) {
 
 int tls_session_connect(tls_session* session) {
     // One call on the blocking descriptor; an interrupted handshake fails,
-    // as a blocking OpenSSL connect does.
+    // as a blocking OpenSSL connect does. errno is the socket's when the
+    // socket failed (or its bound ran out), else 0, as OpenSSL leaves it
+    // (it clears errno before its socket calls): a refused certificate
+    // reaches on_error with the same number on either library.
     const int result = mbedtls_ssl_handshake(&session->ssl);
+    if (result != MBEDTLS_ERR_SSL_WANT_READ && result != MBEDTLS_ERR_SSL_WANT_WRITE &&
+        result != MBEDTLS_ERR_NET_RECV_FAILED && result != MBEDTLS_ERR_NET_SEND_FAILED)
+        errno = 0;
     note_failure(result);
     return result == 0 ? 0 : -1;
 }

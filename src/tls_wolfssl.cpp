@@ -9,6 +9,7 @@
 #include <wolfssl/options.h>  // first: the library's build settings
 #include <wolfssl/openssl/evp.h>
 #include <wolfssl/ssl.h>
+#include <wolfssl/wolfcrypt/asn.h>
 #include <wolfssl/wolfio.h>
 #include <arpa/inet.h>
 #include <sys/socket.h>
@@ -29,6 +30,11 @@ struct tls_session {
     bool broken;  // the stream ended without a close-notify or failed: no more writes
     int handshake_error;  // the library's code for a failed handshake, 0 if none
     bool timed_out;       // the last call's wait bound ran out (the library may call it a close)
+    // Opt-in: the address (4 or 16 bytes) the server's certificate must list,
+    // and whether it did not.
+    unsigned char address[16];
+    std::size_t address_size;
+    bool address_refused;
 };
 
 namespace {
@@ -131,6 +137,37 @@ bool is_certificate_pair(WOLFSSL_CTX* ctx) {
     return paired;
 }
 
+// Whether the certificate lists the session's address among its IP
+// addresses, compared as bytes: the library's own check compares texts, in
+// which one IPv6 address has many spellings.
+bool lists_address(WOLFSSL_X509* certificate, const tls_session* session) {
+    auto* names = static_cast<WOLFSSL_GENERAL_NAMES*>(
+        certificate != nullptr ? wolfSSL_X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr) : nullptr);
+    bool found = false;
+    for (int i = 0; names != nullptr && !found && i < wolfSSL_sk_GENERAL_NAME_num(names); ++i) {
+        const WOLFSSL_GENERAL_NAME* name = wolfSSL_sk_GENERAL_NAME_value(names, i);
+        const WOLFSSL_ASN1_STRING* address = name != nullptr && name->type == ASN_IP_TYPE ? name->d.iPAddress : nullptr;
+        found = address != nullptr && address->data != nullptr &&
+                static_cast<std::size_t>(address->length) == session->address_size &&
+                std::memcmp(address->data, session->address, session->address_size) == 0;
+    }
+    wolfSSL_GENERAL_NAMES_free(names);
+    return found;
+}
+
+// Called for each certificate of the chain (the library's verdict in
+// `verified`); the server's own must also list the address.
+int check_address(int verified, WOLFSSL_X509_STORE_CTX* store) {
+    auto* session = static_cast<tls_session*>(store->userCtx);
+    if (verified == 0 || wolfSSL_X509_STORE_CTX_get_error_depth(store) != 0 || session == nullptr ||
+        session->address_size == 0)
+        return verified;
+    if (lists_address(wolfSSL_X509_STORE_CTX_get_current_cert(store), session))
+        return 1;
+    session->address_refused = true;
+    return 0;
+}
+
 }  // namespace
 
 tls_context* tls_context_new() {
@@ -181,17 +218,20 @@ int tls_context_use_key(tls_context* context, const char* key_file) {
 void tls_context_free(tls_context* context) { wolfSSL_CTX_free(ctx_of(context)); }
 
 int tls_context_verify(tls_context* context, const char* ca_file, const char* ca_dir) {
-    // The directory is read whole (every file in it, not by hashed names);
-    // files in it that hold no certificate are skipped.
-    int loaded = WOLFSSL_SUCCESS;
-    if (ca_file != nullptr)
-        loaded = wolfSSL_CTX_load_verify_locations_ex(ctx_of(context), ca_file, nullptr, WOLFSSL_LOAD_FLAG_NONE);
-    if (ca_dir != nullptr && loaded == WOLFSSL_SUCCESS)
-        loaded = wolfSSL_CTX_load_verify_locations_ex(ctx_of(context), nullptr, ca_dir, WOLFSSL_LOAD_FLAG_IGNORE_ERR);
-    if (loaded != WOLFSSL_SUCCESS) {
-        note_failure(loaded);
-        return -1;
+    // The file must load. The directory is read whole, every file in it, not
+    // by hashed names; files that hold no certificate are skipped, and a
+    // directory that does not open adds nothing: the handshake then finds no
+    // trusted CA, as OpenSSL's lookup there would.
+    if (ca_file != nullptr) {
+        const int loaded =
+            wolfSSL_CTX_load_verify_locations_ex(ctx_of(context), ca_file, nullptr, WOLFSSL_LOAD_FLAG_NONE);
+        if (loaded != WOLFSSL_SUCCESS) {
+            note_failure(loaded);
+            return -1;
+        }
     }
+    if (ca_dir != nullptr)
+        wolfSSL_CTX_load_verify_locations_ex(ctx_of(context), nullptr, ca_dir, WOLFSSL_LOAD_FLAG_IGNORE_ERR);
     wolfSSL_CTX_set_verify(ctx_of(context), WOLFSSL_VERIFY_PEER, nullptr);
     return 0;
 }
@@ -226,13 +266,15 @@ int tls_session_send_name(tls_session* session, const char* name) {
 }
 
 int tls_session_expect_identity(tls_session* session, const char* identity) {
-    unsigned char address[sizeof(in6_addr)];
-    const bool literal =
-        inet_pton(AF_INET, identity, address) == 1 || inet_pton(AF_INET6, identity, address) == 1;
-    // a domain name check would compare an address literal as text with the
-    // DNS names too
-    const int set = literal ? wolfSSL_X509_VERIFY_PARAM_set1_ip_asc(wolfSSL_get0_param(session->ssl), identity)
-                            : wolfSSL_check_domain_name(session->ssl, identity);
+    session->address_size = inet_pton(AF_INET, identity, session->address) == 1    ? 4
+                            : inet_pton(AF_INET6, identity, session->address) == 1 ? 16
+                                                                                   : 0;
+    if (session->address_size != 0) {
+        wolfSSL_SetCertCbCtx(session->ssl, session);
+        wolfSSL_set_verify(session->ssl, WOLFSSL_VERIFY_PEER, check_address);
+        return 0;
+    }
+    const int set = wolfSSL_check_domain_name(session->ssl, identity);
     if (set == WOLFSSL_SUCCESS)
         return 0;
     note_failure(set);
@@ -268,11 +310,12 @@ const char* tls_verify_result(const tls_session* session) {
     // words; a refused name or address is the handshake's alone.
     const long result = wolfSSL_get_verify_result(session->ssl);
     const int failure = session->handshake_error;
-    const bool refused_identity = failure == DOMAIN_NAME_MISMATCH || failure == IPADDR_MISMATCH;
+    const bool refused_identity = failure == DOMAIN_NAME_MISMATCH || session->address_refused;
     if (result == 0 && !refused_identity)
         return "ok";
     static char text[256];
-    const char* why = wolfSSL_ERR_reason_error_string(static_cast<unsigned long>(failure));
+    const char* why = wolfSSL_ERR_reason_error_string(
+        static_cast<unsigned long>(session->address_refused ? IPADDR_MISMATCH : failure));
     if (result == 0)
         return why;
     std::snprintf(text, sizeof text, "%s (%s)", chain_verdict(result), why != nullptr ? why : "");
