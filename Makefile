@@ -58,7 +58,7 @@ test-fuzz: deps
 	    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_FUZZ=ON -DWS_CLIENT_FUZZ_SECONDS=$(FUZZ_SECONDS); \
 	else echo "fuzz: clang++ not found, not run"; fi
 
-# The TLS and WebSocket tests, the examples and the demo on each other TLS
+# The TLS, WebSocket and protection tests, the examples and the demo on each other TLS
 # library, one build each in build-tls-NAME.
 test-tls: deps
 	@status=0; for tls in $(OTHER_TLS); do \

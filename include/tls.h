@@ -1,5 +1,6 @@
 // The TLS operations the module uses, as one seam: the units call only these,
-// and one unit implements them over a TLS library (src/tls_openssl.cpp).
+// and one unit implements them over a TLS library (src/tls_openssl.cpp,
+// src/tls_mbedtls.cpp or src/tls_wolfssl.cpp).
 // No library type appears outside that unit. Client side only. Peer
 // verification and the server name are off unless asked for (the four
 // operations marked "opt-in" below). Lua-free.
@@ -21,8 +22,10 @@ void tls_context_free(tls_context* context);
 
 // Opt-in: the context's sessions verify the server's chain against the CA
 // certificates in `ca_file` (a PEM bundle) and/or `ca_dir` (a directory of
-// hashed PEM files); either may be null, not both. A handshake whose chain
-// does not verify fails. 0, or -1 when neither loads.
+// PEM files: looked up by hashed name, or read whole where the library has
+// no such lookup); either may be null, not both. A handshake whose chain
+// does not verify fails. 0, or -1 when the file does not load; a directory
+// that does not open adds no CA (the handshake then fails).
 int tls_context_verify(tls_context* context, const char* ca_file, const char* ca_dir);
 
 // A session on the context; null on failure.

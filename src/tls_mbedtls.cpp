@@ -5,18 +5,23 @@
 // the same counts, ends of stream and error numbers whichever library is in.
 #include "tls.h"
 
+#include <mbedtls/asn1.h>
 #include <mbedtls/ctr_drbg.h>
 #include <mbedtls/entropy.h>
 #include <mbedtls/error.h>
 #include <mbedtls/net_sockets.h>
+#include <mbedtls/oid.h>
 #include <mbedtls/pk.h>
 #include <mbedtls/ssl.h>
 #include <mbedtls/x509_crt.h>
+#include <arpa/inet.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -28,6 +33,7 @@ struct tls_context {
     mbedtls_ssl_config config;
     mbedtls_x509_crt chain;
     mbedtls_pk_context key;
+    mbedtls_x509_crt ca;  // opt-in verification: the trusted certificates
     bool has_chain;
 };
 
@@ -35,6 +41,11 @@ struct tls_session {
     mbedtls_ssl_context ssl;
     int fd;
     bool broken;  // the stream ended without a close-notify or failed: no more writes
+    // Opt-in: what the server's certificate must match; address_size 4 or 16
+    // when it is an address literal (then in `address`), 0 for a DNS name.
+    char identity[256];
+    unsigned char address[16];
+    std::size_t address_size;
 };
 
 namespace {
@@ -110,6 +121,101 @@ int socket_recv(void* context, unsigned char* into, std::size_t size) {
 
 int clamp(std::size_t size) { return size > INT_MAX ? INT_MAX : static_cast<int>(size); }
 
+// ---- the server's identity ----
+// The library checks only the name it also sends as SNI, and never an
+// address; the seam checks its own identity, sent or not, here.
+
+// A DNS name pattern of the certificate against `name`, case aside; "*." as
+// the whole leftmost label stands for exactly one label, and not under a
+// single-label suffix.
+bool name_matches(const unsigned char* pattern, std::size_t length, const char* name) {
+    const std::size_t name_length = std::strlen(name);
+    const char* text = reinterpret_cast<const char*>(pattern);
+    if (length == name_length && strncasecmp(text, name, length) == 0)
+        return true;
+    if (length < 4 || text[0] != '*' || text[1] != '.' || std::memchr(text + 2, '.', length - 2) == nullptr)
+        return false;
+    const char* dot = std::strchr(name, '.');
+    return dot != nullptr && dot != name && static_cast<std::size_t>(name + name_length - dot) == length - 1 &&
+           strncasecmp(dot, text + 1, length - 1) == 0;
+}
+
+// Walks the subjectAltName extension of the raw extensions (mbedTLS 2.28
+// keeps none of its addresses): 1 when an entry matches, 0 when none does,
+// -1 when a name is wanted and the certificate lists no DNS name (or has no
+// such extension, or one that does not parse).
+int alt_names_match(const mbedtls_x509_crt* crt, const tls_session* session) {
+    unsigned char* p = crt->v3_ext.p;
+    const unsigned char* end = p + crt->v3_ext.len;
+    std::size_t length = 0;
+    if (p == nullptr || mbedtls_asn1_get_tag(&p, end, &length, MBEDTLS_ASN1_CONSTRUCTED | MBEDTLS_ASN1_SEQUENCE) != 0)
+        return session->address_size != 0 ? 0 : -1;
+    end = p + length;
+    while (p < end) {
+        if (mbedtls_asn1_get_tag(&p, end, &length, MBEDTLS_ASN1_CONSTRUCTED | MBEDTLS_ASN1_SEQUENCE) != 0)
+            break;
+        const unsigned char* next = p + length;
+        std::size_t oid_size = 0;
+        if (mbedtls_asn1_get_tag(&p, next, &oid_size, MBEDTLS_ASN1_OID) != 0)
+            break;
+        const bool alt_names = oid_size == MBEDTLS_OID_SIZE(MBEDTLS_OID_SUBJECT_ALT_NAME) &&
+                               std::memcmp(p, MBEDTLS_OID_SUBJECT_ALT_NAME, oid_size) == 0;
+        p += oid_size;
+        if (!alt_names) {
+            p = const_cast<unsigned char*>(next);
+            continue;
+        }
+        int critical = 0;
+        if (p < next && *p == MBEDTLS_ASN1_BOOLEAN && mbedtls_asn1_get_bool(&p, next, &critical) != 0)
+            break;
+        if (mbedtls_asn1_get_tag(&p, next, &length, MBEDTLS_ASN1_OCTET_STRING) != 0 ||
+            mbedtls_asn1_get_tag(&p, next, &length, MBEDTLS_ASN1_CONSTRUCTED | MBEDTLS_ASN1_SEQUENCE) != 0)
+            break;
+        const unsigned char* names_end = p + length;
+        bool has_dns = false;
+        while (p < names_end) {
+            const unsigned char tag = *p++;
+            if (mbedtls_asn1_get_len(&p, names_end, &length) != 0)
+                break;
+            if (tag == (MBEDTLS_ASN1_CONTEXT_SPECIFIC | 7) && session->address_size != 0 &&
+                length == session->address_size && std::memcmp(p, session->address, length) == 0)
+                return 1;
+            if (tag == (MBEDTLS_ASN1_CONTEXT_SPECIFIC | MBEDTLS_X509_SAN_DNS_NAME) && session->address_size == 0) {
+                has_dns = true;
+                if (name_matches(p, length, session->identity))
+                    return 1;
+            }
+            p += length;
+        }
+        return has_dns || session->address_size != 0 ? 0 : -1;
+    }
+    return session->address_size != 0 ? 0 : -1;
+}
+
+bool identity_matches(const mbedtls_x509_crt* crt, const tls_session* session) {
+    const int by_alt_names = alt_names_match(crt, session);
+    if (by_alt_names >= 0)
+        return by_alt_names == 1;
+    // no DNS name listed: the common name(s), as other clients do
+    for (const mbedtls_x509_name* entry = &crt->subject; entry != nullptr; entry = entry->next)
+        if (MBEDTLS_OID_CMP(MBEDTLS_OID_AT_CN, &entry->oid) == 0 &&
+            name_matches(entry->val.p, entry->val.len, session->identity))
+            return true;
+    return false;
+}
+
+// Called for each certificate of the chain; the server's own (depth 0)
+// gets the identity's verdict in place of the library's check of the SNI
+// name, if any.
+int check_identity(void* context, mbedtls_x509_crt* crt, int depth, uint32_t* flags) {
+    if (depth != 0)
+        return 0;
+    *flags &= ~static_cast<uint32_t>(MBEDTLS_X509_BADCERT_CN_MISMATCH);
+    if (!identity_matches(crt, static_cast<const tls_session*>(context)))
+        *flags |= MBEDTLS_X509_BADCERT_CN_MISMATCH;
+    return 0;
+}
+
 }  // namespace
 
 tls_context* tls_context_new() {
@@ -124,6 +230,7 @@ tls_context* tls_context_new() {
     mbedtls_ssl_config_init(&context->config);
     mbedtls_x509_crt_init(&context->chain);
     mbedtls_pk_init(&context->key);
+    mbedtls_x509_crt_init(&context->ca);
     const int made = mbedtls_ssl_config_defaults(&context->config, MBEDTLS_SSL_IS_CLIENT,
                                                  MBEDTLS_SSL_TRANSPORT_STREAM, MBEDTLS_SSL_PRESET_DEFAULT);
     if (made != 0) {
@@ -177,7 +284,27 @@ void tls_context_free(tls_context* context) {
     mbedtls_ssl_config_free(&context->config);
     mbedtls_x509_crt_free(&context->chain);
     mbedtls_pk_free(&context->key);
+    mbedtls_x509_crt_free(&context->ca);
     std::free(context);
+}
+
+int tls_context_verify(tls_context* context, const char* ca_file, const char* ca_dir) {
+    // The file must hold a certificate that parses (others in it that do
+    // not are skipped). The directory is read whole, every file in it, not by
+    // hashed names; one that does not open or holds none adds nothing, and
+    // the handshake finds no trusted CA, as OpenSSL's lookup there would.
+    if (ca_file != nullptr) {
+        const int parsed = mbedtls_x509_crt_parse_file(&context->ca, ca_file);
+        if (parsed < 0 || context->ca.raw.p == nullptr) {
+            note_failure(parsed < 0 ? parsed : MBEDTLS_ERR_X509_CERT_UNKNOWN_FORMAT);
+            return -1;
+        }
+    }
+    if (ca_dir != nullptr)
+        mbedtls_x509_crt_parse_path(&context->ca, ca_dir);
+    mbedtls_ssl_conf_ca_chain(&context->config, &context->ca, nullptr);
+    mbedtls_ssl_conf_authmode(&context->config, MBEDTLS_SSL_VERIFY_REQUIRED);
+    return 0;
 }
 
 tls_session* tls_session_new(tls_context* context) {
@@ -203,10 +330,58 @@ int tls_session_bind(tls_session* session, int fd) {
     return 0;
 }
 
+int tls_session_send_name(tls_session* session, const char* name) {
+    // Also the name the library checks when verifying: check_identity
+    // replaces that check by the identity's.
+    const int set = mbedtls_ssl_set_hostname(&session->ssl, name);
+    note_failure(set);
+    return set == 0 ? 0 : -1;
+}
+
+int tls_session_expect_identity(tls_session* session, const char* identity) {
+    const std::size_t length = std::strlen(identity);
+    if (length == 0 || length >= sizeof session->identity) {
+        note_failure(MBEDTLS_ERR_SSL_BAD_INPUT_DATA);
+        return -1;
+    }
+    std::memcpy(session->identity, identity, length + 1);
+    session->address_size = inet_pton(AF_INET, identity, session->address) == 1    ? 4
+                            : inet_pton(AF_INET6, identity, session->address) == 1 ? 16
+                                                                                   : 0;
+    mbedtls_ssl_set_verify(&session->ssl, check_identity, session);
+    return 0;
+}
+
+const char* tls_verify_result(const tls_session* session) {
+    const uint32_t flags = mbedtls_ssl_get_verify_result(&session->ssl);
+    if (flags == 0 || flags == UINT32_MAX)  // all well, or no certificate was looked at
+        return "ok";
+    // one line per reason, joined as one
+    static char lines[512];
+    static char text[512];
+    if (mbedtls_x509_crt_verify_info(lines, sizeof lines, "", flags) < 0)
+        return "certificate refused";
+    std::size_t at = 0;
+    for (const char* c = lines; *c != '\0' && at + 3 < sizeof text; ++c) {
+        if (*c != '\n')
+            text[at++] = *c;
+        else if (c[1] != '\0')
+            text[at++] = ';', text[at++] = ' ';
+    }
+    text[at] = '\0';
+    return text;
+}
+
 int tls_session_connect(tls_session* session) {
     // One call on the blocking descriptor; an interrupted handshake fails,
-    // as a blocking OpenSSL connect does.
+    // as a blocking OpenSSL connect does. errno is the socket's when the
+    // socket failed (or its bound ran out), else 0, as OpenSSL leaves it
+    // (it clears errno before its socket calls): a refused certificate
+    // reaches on_error with the same number on either library.
     const int result = mbedtls_ssl_handshake(&session->ssl);
+    if (result != MBEDTLS_ERR_SSL_WANT_READ && result != MBEDTLS_ERR_SSL_WANT_WRITE &&
+        result != MBEDTLS_ERR_NET_RECV_FAILED && result != MBEDTLS_ERR_NET_SEND_FAILED)
+        errno = 0;
     note_failure(result);
     return result == 0 ? 0 : -1;
 }

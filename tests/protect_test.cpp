@@ -8,6 +8,8 @@
 #include "handshake.h"
 #include "lua_fixture.h"
 
+using ::testing::ContainsRegex;
+
 namespace {
 
 // A CA; certificates it signed: "good" (127.0.0.1 and localhost), "named"
@@ -123,13 +125,13 @@ TEST_F(ProtectTest, VerificationAcceptsOnlyTheRightCaNameAndDates) {
              {"", "good", "cafile = certs .. 'ca.crt'", nullptr, ""},
              {"", "good", "capath = certs .. 'cas'", nullptr, ""},
              {"", "named", "cafile = certs .. 'ca.crt', servername = 'localhost'", nullptr, "localhost"},
-             {"", "named", "cafile = certs .. 'ca.crt'", "mismatch", ""},  // the dotted address is checked
-             {"", "good", "cafile = certs .. 'other.crt'", "issuer", ""},
-             {"", "good", "cafile = certs .. 'ca.crt', servername = 'wrong.invalid'", "mismatch", ""},
+             {"", "named", "cafile = certs .. 'ca.crt'", "mismatch|not match", ""},  // the dotted address is checked
+             {"", "good", "cafile = certs .. 'other.crt'", "issuer|trusted CA", ""},
+             {"", "good", "cafile = certs .. 'ca.crt', servername = 'wrong.invalid'", "mismatch|not match", ""},
              {"", "old", "cafile = certs .. 'ca.crt'", "expired", ""},
              {"", "old", "", nullptr, ""},  // no key: anything goes, as designed
              {"wss://localhost/", "named", "cafile = certs .. 'ca.crt'", nullptr, ""},
-             {"wss://127.0.0.1/", "named", "cafile = certs .. 'ca.crt'", "mismatch", ""},
+             {"wss://127.0.0.1/", "named", "cafile = certs .. 'ca.crt'", "mismatch|not match", ""},
          }) {
         SCOPED_TRACE(std::string(r.url) + " " + r.cert + " " + r.keys);
         const bool ws = *r.url != '\0';
@@ -141,7 +143,7 @@ TEST_F(ProtectTest, VerificationAcceptsOnlyTheRightCaNameAndDates) {
                "\nif conn then ws." + (ws ? "ws" : "tcp") + "_close(conn) end; ws.set_debug('NULL')");
         EXPECT_THAT(events(), MatchesRegex(r.refused_for == nullptr ? "open\\|close:User do close"
                                                                     : "error:[0-9]+:ssl[ _]connect[ _]fail!?\\|close:ssl_connect_fail"));
-        EXPECT_THAT(eval("io.open(certs .. 'debug.log'):read('*a')"), HasSubstr(r.refused_for ? r.refused_for : ""));  // the log says why
+        EXPECT_THAT(eval("io.open(certs .. 'debug.log'):read('*a')"), ContainsRegex(r.refused_for ? r.refused_for : ""));  // the log says why
         std::filesystem::remove(dir() + "debug.log");
         EXPECT_EQ(peer.finish(), r.refused_for == nullptr ? r.sni : "-");
     }
