@@ -66,8 +66,10 @@ function M.now()
   return t or os.time()
 end
 -- LuaJIT reads the monotonic clock through its FFI instead, for a fraction
--- of the cost (the loop reads the clock every pass while a timer is close).
-if jit then
+-- of the cost (the loop reads the clock every pass while a timer is close);
+-- only where upstream LuaJIT runs (the FFI of some ports faults on the call).
+local FFI_ARCHES = { x86 = true, x64 = true, arm = true, arm64 = true, mips = true, mipsel = true, ppc = true }
+if jit and FFI_ARCHES[jit.arch] then
   local ok, ffi = pcall(require, "ffi")
   ok = ok and pcall(ffi.cdef, [[
     typedef struct { long sec, nsec; } ws_client_easy_clock_value;
