@@ -60,9 +60,15 @@ interpreter() {
   printf '#!/bin/sh\nQEMU_LD_PREFIX=%s exec %s %s "$@"\n' "$sysroot" "$(qemu_for "$arch")" "$sysroot/usr/bin/$lua" \
     >"$dir/$lua"
   chmod +x "$dir/$lua"
-  if ECONNREFUSED_NUMBER="$(case "$arch" in mips*) echo 146 ;; *) echo 111 ;; esac)" \
+  # Under qemu-user 7.2 Debian's LuaJIT gets float floor and modulo wrong on
+  # mipsel (floor(7.5) is 7.5) and faults on them on s390x (Illegal
+  # instruction); the companion module uses both, the core's examples neither.
+  local skip_easy=""
+  "$dir/$lua" -e 'assert(10 % 3 == 1)' >/dev/null 2>&1 ||
+    skip_easy="$lua under qemu-user gets 10 % 3 wrong or faults on it"
+  if SKIP_EASY="$skip_easy" ECONNREFUSED_NUMBER="$(case "$arch" in mips*) echo 146 ;; *) echo 111 ;; esac)" \
     "$root/tests/examples_test.sh" "$dir/$lua" "$dir" >"$dir/$lua.log" 2>&1; then
-    echo "$name $lua: examples and demo passed ($((SECONDS - start)) s)"
+    echo "$name $lua: examples and demo passed ($((SECONDS - start)) s)${skip_easy:+; companion examples skipped: $skip_easy}"
   else
     echo "$name $lua: FAILED ($((SECONDS - start)) s)" && sed 's/^/    /' "$dir/$lua.log"
     return 1
