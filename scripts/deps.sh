@@ -28,7 +28,6 @@ case "${1:-}" in
                    crossbuild-essential-s390x qemu-user-static) ;;
   *) packages=("${demo_packages[@]}" "${packages[@]}") ;;
 esac
-fi
 
 missing=()
 for package in "${packages[@]}"; do
