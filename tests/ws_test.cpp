@@ -90,6 +90,16 @@ TEST_F(WsTest, ReceivedFramesFollowTheReadBoundaries) {
     EXPECT_EQ(frames[1].first + frames[1].second, "\x88\x80");
 }
 
+// on_message replaces the registered copy and collects: the walk over the
+// rest of the read still has its record (a use after free under the sanitizer).
+TEST_F(WsTest, WalkKeepsItsRecordWhenOnMessageDropsIt) {
+    peers::script_peer peer({{step::upgrade}, {step::send, text("one") + text("two")}, {step::drain}});
+    LUA_OK("c = open(" + port(peer) + R"(, { on_message = function(d) note('message:' .. d)
+        debug.getregistry()['udata-' .. fd_of(c)] = c; collectgarbage(); if d == 'two' then ws.loop_stop() end end })
+        ws.loop_start(deadline(5), 1, 0))");
+    EXPECT_EQ(events(), "open|message:one|message:two");
+}
+
 TEST_F(WsTest, TextLongerThanTheBufferEndsTheConnection) {
     peers::script_peer peer({{step::upgrade}, {step::send, text(std::string(1200000, 'q')).substr(0, 1100000)}});
     LUA_OK("c = open(" + port(peer) + ")\nws.loop_start(deadline(10), 1, 0)");
