@@ -34,7 +34,8 @@ protected:
 TEST_F(WsTest, RequestAndFramesAreExactAndMasked) {
     peers::script_peer peer({{step::upgrade}, {step::drain}});
     LUA_OK("c = ws.ws_connect(ws.ws_new(), wopts(" + port(peer) + R"(, { url = 'ws://127.0.0.1',
-        on_open = function() collectgarbage() end }))  -- only the module holds the object passed in
+        on_open = function() collectgarbage('setpause', 0); collectgarbage('setstepmul', 1e6); collectgarbage() end }))
+        -- only the module holds the object passed in; from on_open on, every allocation collects
         sent = table.concat({ ws.ws_send(c, 'hello'), ws.ws_send(c, 'ab\0cd'), ws.ws_send(c, 42),
             ws.ws_send(c, string.rep('x', 126)), ws.ws_send(c, string.rep('y', 70000)),
             ws.ws_send(c, string.rep('z', 1048562)) }, ' ')
