@@ -104,7 +104,7 @@ test: deps
 # in build-mutants/); the table ends with `killed K of N` and names every
 # mutant the baseline run killed that survives now.
 mutants: deps
-	@tools/mutate.py --killed build-mutants/killed.txt --baseline tools/mutants-baseline-killed.txt
+	@tools/mutate.py --killed tools/mutants-killed.txt --baseline tools/mutants-baseline-killed.txt
 
 bench: deps
 	cmake -S . -B $(BENCH_BUILD) -DCMAKE_BUILD_TYPE=Release -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_BENCH=ON

@@ -34,7 +34,8 @@ protected:
 TEST_F(WsTest, RequestAndFramesAreExactAndMasked) {
     peers::script_peer peer({{step::upgrade}, {step::drain}});
     LUA_OK("c = ws.ws_connect(ws.ws_new(), wopts(" + port(peer) + R"(, { url = 'ws://127.0.0.1',
-        on_open = function() collectgarbage() end }))  -- only the module holds the object passed in
+        on_open = function() collectgarbage('setpause', 0); collectgarbage('setstepmul', 1e6); collectgarbage() end }))
+        -- only the module holds the object passed in; from on_open on, every allocation collects
         sent = table.concat({ ws.ws_send(c, 'hello'), ws.ws_send(c, 'ab\0cd'), ws.ws_send(c, 42),
             ws.ws_send(c, string.rep('x', 126)), ws.ws_send(c, string.rep('y', 70000)),
             ws.ws_send(c, string.rep('z', 1048562)) }, ' ')
@@ -88,6 +89,16 @@ TEST_F(WsTest, ReceivedFramesFollowTheReadBoundaries) {
     ASSERT_EQ(frames.size(), 2u);
     EXPECT_EQ(frames[0].first + frames[0].second, "\x8a\x80");
     EXPECT_EQ(frames[1].first + frames[1].second, "\x88\x80");
+}
+
+// on_message replaces the registered copy and collects: the walk over the
+// rest of the read still has its record (a use after free under the sanitizer).
+TEST_F(WsTest, WalkKeepsItsRecordWhenOnMessageDropsIt) {
+    peers::script_peer peer({{step::upgrade}, {step::send, text("one") + text("two")}, {step::drain}});
+    LUA_OK("c = open(" + port(peer) + R"(, { on_message = function(d) note('message:' .. d)
+        debug.getregistry()['udata-' .. fd_of(c)] = c; collectgarbage(); if d == 'two' then ws.loop_stop() end end })
+        ws.loop_start(deadline(5), 1, 0))");
+    EXPECT_EQ(events(), "open|message:one|message:two");
 }
 
 TEST_F(WsTest, TextLongerThanTheBufferEndsTheConnection) {
