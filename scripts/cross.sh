@@ -64,8 +64,9 @@ interpreter() {
   # mipsel (floor(7.5) is 7.5) and faults on them on s390x (Illegal
   # instruction); the companion module uses both, the core's examples neither.
   local skip_easy=""
-  ("$dir/$lua" -e 'assert(10 % 3 == 1)') >/dev/null 2>&1 ||
-    skip_easy="$lua under qemu-user gets 10 % 3 wrong or faults on it"
+  local remainder
+  remainder="$("$dir/$lua" -e 'io.write(10 % 3)' 2>/dev/null)" || true
+  [ "$remainder" = 1 ] || skip_easy="$lua under qemu-user gets 10 % 3 wrong or faults on it"
   if SKIP_EASY="$skip_easy" ECONNREFUSED_NUMBER="$(case "$arch" in mips*) echo 146 ;; *) echo 111 ;; esac)" \
     "$root/tests/examples_test.sh" "$dir/$lua" "$dir" >"$dir/$lua.log" 2>&1; then
     echo "$name $lua: examples and demo passed ($((SECONDS - start)) s)${skip_easy:+; companion examples skipped: $skip_easy}"
