@@ -15,6 +15,7 @@ local time_limit = tonumber(os.getenv("DEMO_SECONDS")) or 20
 local started = os.time()
 local parts = { "ws", "wss", "http", "tls", "udp" }
 local seen = {}
+local status, finished  -- the status line's timer; ends it once all is seen
 
 local function say(tag, text) print(string.format("%-5s %s", tag, text)) end
 local function shown(text)
@@ -26,7 +27,7 @@ end
 local function exchange(tag, url, text, check, options)
   options = options or {}
   options.on_open = function() say(tag, "open") end
-  options.on_close = function(self, reason) say(tag, "closed: " .. reason) end
+  options.on_close = function(self, reason) say(tag, "closed: " .. reason); finished() end
   options.on_message = function(self, data)
     seen[tag] = check(self, data)
     self:close()
@@ -50,7 +51,7 @@ exchange("tls", "tls://" .. host .. ":" .. port("TLS", 8804), tls_text, echoed(t
   { cert = certs .. "/client.crt", key = certs .. "/client.key" })
 
 local udp = easy.udp{
-  on_close = function(self, reason) say("udp", "closed: " .. reason) end,
+  on_close = function(self, reason) say("udp", "closed: " .. reason); finished() end,
   on_message = function(self, data, from, from_port)
     say("udp", "message " .. shown(data) .. " from " .. from .. ":" .. from_port)
     seen.udp = data == "hello over udp"
@@ -63,7 +64,8 @@ local function missing()
   for _, name in ipairs(parts) do if not seen[name] then list[#list + 1] = name end end
   return list
 end
-easy.every(1, function(timer)
+finished = function() if #missing() == 0 then status:cancel() end end  -- nothing left: run() returns
+status = easy.every(1, function(timer)
   local items = {}
   for _, name in ipairs(parts) do items[#items + 1] = name .. (seen[name] and " ok" or " --") end
   say("tick", string.format("%2d s: %s", os.time() - started, table.concat(items, ", ")))

@@ -10,18 +10,17 @@ local easy = require("ws_client.easy")
 local ip = os.getenv("PEER_HOST") or "127.0.0.1"
 local url = "tcp://" .. ip .. ":" .. (os.getenv("PEER_HTTP_PORT") or 8805)
 
-local answer
+local answer, limit
 local conn, err = easy.connect(url, {
   on_open = function(self) print("connected to " .. self.url) end,
-  on_message = function(self, data) answer = data; self:close() end,  -- nothing left: run() returns
+  on_message = function(self, data) answer = data; self:close(); limit:cancel() end,  -- nothing left: run() returns
   on_close = function(self, reason) print("closed: " .. reason) end,
 })
 if not conn then print("connect failed: " .. err) os.exit(1) end
 
 print("sent " .. assert(conn:send("GET /example HTTP/1.1\r\nHost: " .. ip .. "\r\nConnection: close\r\n\r\n")) .. " bytes")
-local limit = easy.after(10, function() conn:close() end)
+limit = easy.after(10, function() conn:close() end)
 easy.run()
-limit:cancel()
 
 if not answer then print("no answer") os.exit(1) end
 for line in (answer .. "\n"):gmatch("(.-)\r?\n") do print("| " .. line) end

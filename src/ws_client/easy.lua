@@ -56,18 +56,8 @@ end
 
 -- ---- clock and randomness -----------------------------------------------
 
--- Seconds since boot, to 10 ms: the only sub-second clock plain Lua has on
--- Linux. Reopened per read (a seek inside stdio's buffer would read stale).
-function M.now()
-  local f = io.open("/proc/uptime")
-  if not f then return os.time() end
-  local t = f:read("*n")
-  f:close()
-  return t or os.time()
-end
--- LuaJIT reads the monotonic clock through its FFI instead, for a fraction
--- of the cost (the loop reads the clock every pass while a timer is close);
--- only where upstream LuaJIT runs (the FFI of some ports faults on the call).
+-- LuaJIT reads the monotonic clock through its FFI; only where upstream
+-- LuaJIT runs (the FFI of some ports faults on the call).
 local FFI_ARCHES = { x86 = true, x64 = true, arm = true, arm64 = true, mips = true, mipsel = true, ppc = true }
 if jit and FFI_ARCHES[jit.arch] then
   local ok, ffi = pcall(require, "ffi")
@@ -82,6 +72,21 @@ if jit and FFI_ARCHES[jit.arch] then
     end
   end
 end
+-- Elsewhere seconds since boot, to 10 ms, from /proc/uptime: the only
+-- sub-second clock plain Lua has on Linux. The file stays open, unbuffered,
+-- so a read is a seek and a read of the kernel's text, and leaves nothing
+-- for the collector. Without it, whole seconds from os.time().
+local uptime = not M.now and io.open("/proc/uptime")
+if uptime then
+  uptime:setvbuf("no")
+  local last = 0
+  M.now = function()
+    uptime:seek("set", 0)
+    last = tonumber((uptime:read(64) or ""):match("^%d+%.?%d*")) or last
+    return last
+  end
+end
+M.now = M.now or os.time
 local now = M.now
 
 -- A private generator for back-off jitter: seeding math.random here would
@@ -95,45 +100,56 @@ end
 
 -- ---- timers ---------------------------------------------------------------
 
-local heap, pending, serial = {}, 0, 0  -- binary heap by (due, serial); live timers
+local heap, serial = {}, 0  -- binary heap of live timers by (due, serial); each knows its place
 local running, stopping, interval = false, false, nil
+local stirred = false  -- a socket callback ran since the last tick
+local open_count = 0
+local function idle() return open_count == 0 and heap[1] == nil end
+-- Nothing left to serve: run() returns at the end of this pass (from a
+-- socket callback; the periodic function checks for itself).
+local function end_if_idle() if running and idle() then core.loop_stop() end end
 
 local function earlier(a, b) return a.due < b.due or (a.due == b.due and a.serial < b.serial) end
 
-local function push(t)
-  local i = #heap + 1
-  heap[i] = t
+local function place(i, t) heap[i], t.slot = t, i end
+
+local function sift_up(i)
+  local t = heap[i]
   while i > 1 do
     local p = (i - i % 2) / 2
-    if not earlier(heap[i], heap[p]) then break end
-    heap[i], heap[p] = heap[p], heap[i]
+    if not earlier(t, heap[p]) then break end
+    place(i, heap[p])
     i = p
   end
+  place(i, t)
 end
 
-local function pop()
-  local top, n = heap[1], #heap
-  local last = heap[n]
-  heap[n] = nil
-  n = n - 1
-  if n == 0 then return top end
-  heap[1] = last
-  local i = 1
+local function sift_down(i)
+  local t, n = heap[i], #heap
   while true do
-    local l, s = i * 2, i
-    if l <= n and earlier(heap[l], heap[s]) then s = l end
-    if l + 1 <= n and earlier(heap[l + 1], heap[s]) then s = l + 1 end
-    if s == i then break end
-    heap[i], heap[s] = heap[s], heap[i]
+    local l, s = i * 2, nil
+    if l <= n and earlier(heap[l], t) then s = l end
+    if l + 1 <= n and earlier(heap[l + 1], s and heap[s] or t) then s = l + 1 end
+    if not s then break end
+    place(i, heap[s])
     i = s
   end
-  return top
+  place(i, t)
 end
 
-local function next_due()
-  while heap[1] and not heap[1].active do pop() end
-  return heap[1] and heap[1].due
+-- Takes the timer out of the heap at once: a cancelled timer holds nothing.
+local function remove(t)
+  local i, n = t.slot, #heap
+  t.slot = nil
+  local last = heap[n]
+  heap[n] = nil
+  if i == n then return end
+  place(i, last)
+  sift_up(i)
+  sift_down(last.slot)
 end
+
+local function next_due() return heap[1] and heap[1].due end
 
 -- The core's whole-second tick (about one wake-up a second) while nothing is
 -- due soon, its 2 ms poll otherwise. A loop_stop() from the periodic function
@@ -151,13 +167,14 @@ local Timer = {}
 Timer.__index = Timer
 
 function Timer:cancel()
-  if self.active then self.active, pending = false, pending - 1 end
+  if self.active then self.active = false; remove(self); end_if_idle() end
 end
 
 local function schedule(t, at)
   serial = serial + 1
   t.due, t.serial = at, serial
-  push(t)
+  heap[#heap + 1] = t
+  sift_up(#heap)
   -- a loop on the whole-second tick must come round sooner (from a socket
   -- callback this takes effect at once)
   if running and interval ~= 0 and at - now() < SLOW_FOR then core.loop_stop() end
@@ -169,7 +186,6 @@ local function new_timer(name, seconds, fn, every)
   end
   if type(fn) ~= "function" then error("bad argument #2 to '" .. name .. "' (function expected)", 3) end
   local t = setmetatable({ fn = fn, every = every and seconds, active = true }, Timer)
-  pending = pending + 1
   schedule(t, now() + seconds)
   return t
 end
@@ -179,22 +195,40 @@ end
 function M.after(seconds, fn) return new_timer("after", seconds, fn, false) end
 function M.every(seconds, fn) return new_timer("every", seconds, fn, true) end
 
+-- The clock is read when a timer may be near: os.time() (whole seconds,
+-- no system call) bounds the time since the last reading from above, so on
+-- the whole-second tick a timer far off costs no clock read. A wall clock
+-- set back counts as unsure: the clock is read.
+local read_at, wall_at, wall_seen = 0, 0, 0
+local function clock()
+  read_at, wall_at = now(), os.time()
+  wall_seen = wall_at
+  return read_at
+end
+local function surely_far(due)
+  local wall = os.time()
+  local sure = wall >= wall_seen and wall - wall_at + 1 < due - read_at - SLOW_FOR
+  wall_seen = wall
+  return sure
+end
+
 -- Fires what is due at t; returns the time after (t when nothing fired).
 local function fire_timers(t)
   local due = next_due()
   if not (due and due <= t) then return t end
   while due and due <= t do
-    local timer = pop()
+    local timer = heap[1]
+    remove(timer)
     if timer.every then
       local at = due + timer.every
       schedule(timer, at > t and at or t + timer.every)  -- a period missed: no burst to catch up
     else
-      timer.active, pending = false, pending - 1
+      timer.active = false
     end
     call(timer.fn, timer)
     due = next_due()
   end
-  return now()
+  return clock()
 end
 
 -- ---- the core's bookkeeping, seen from Lua --------------------------------
@@ -231,7 +265,6 @@ end
 local Socket = {}
 Socket.__index = Socket
 
-local open_count = 0
 local capture                -- the core call in progress: {obj=, connecting=, err=, errno=, closed=}
 local shielded = {}          -- options tables kept out of a fatal sweep
 local schedule_reconnect
@@ -260,6 +293,7 @@ local function core_close(obj, options, reason)
   obj.state = "closed"
   fire(obj, "on_close", reason)
   if obj.reconnect and not obj.closing and obj.state == "closed" then schedule_reconnect(obj) end
+  end_if_idle()
 end
 
 local function core_options(obj)
@@ -270,9 +304,10 @@ local function core_options(obj)
     o.ip, o.port, o.is_secure = obj.host, obj.port, obj.cert and 1 or 0
     o.crt, o.prikey = obj.cert or "", obj.key or ""
   end
-  o.on_message = function(data, from, port) fire(obj, "on_message", data, from, port) end
-  o.on_error = function(errno, text) core_error(obj, o, errno, text) end
-  o.on_close = function(reason) core_close(obj, o, reason) end
+  for k, v in pairs(obj.passed or {}) do o[k] = v end
+  o.on_message = function(data, from, port) stirred = true; fire(obj, "on_message", data, from, port) end
+  o.on_error = function(errno, text) stirred = true; core_error(obj, o, errno, text) end
+  o.on_close = function(reason) stirred = true; core_close(obj, o, reason) end
   return o
 end
 
@@ -344,6 +379,13 @@ local ALLOWED = {
   ws = { timeout = true, reconnect = true }, wss = { timeout = true, reconnect = true },
   tcp = { reconnect = true }, tls = { reconnect = true, cert = true, key = true }, udp = {},
 }
+-- The core's own opt-in keys, handed to it as given (its checks and errors
+-- apply); by type. A key the core learns is one more line here: unknown keys
+-- stay refused, so a misspelt protection is an error, not silently off.
+local PASSED = {
+  cafile = "string", capath = "string", servername = "string", io_timeout = "number",
+}
+local PASSED_FOR = { ws = { io_timeout = true }, tcp = { io_timeout = true }, wss = PASSED, tls = PASSED }
 
 local function check_text(options, name)
   local v = options[name]
@@ -360,6 +402,10 @@ local function take_options(obj, scheme, options)
     if CALLBACKS[k] then
       if type(v) ~= "function" then option_error(k, "must be a function") end
       obj[k] = v
+    elseif PASSED_FOR[scheme] and PASSED_FOR[scheme][k] then
+      if type(v) ~= PASSED[k] then option_error(k, "must be a " .. PASSED[k]) end
+      obj.passed = obj.passed or {}
+      obj.passed[k] = v
     elseif not ALLOWED[scheme][k] then
       option_error(tostring(k), "is unknown for " .. scheme .. (scheme == "udp" and "" or "://"))
     end
@@ -379,7 +425,9 @@ local function take_options(obj, scheme, options)
     local cfg = {}
     for k, v in pairs(r) do
       if RECONNECT[k] == nil then option_error("reconnect." .. tostring(k), "is unknown") end
-      if type(v) ~= "number" or v ~= v or v < 0 then option_error("reconnect." .. k, "must be a number >= 0") end
+      if not (k == "tries" and v == false) and (type(v) ~= "number" or v ~= v or v < 0) then
+        option_error("reconnect." .. k, "must be a number >= 0" .. (k == "tries" and " or false" or ""))
+      end
     end
     for k, default in pairs(RECONNECT) do
       if r[k] == nil then cfg[k] = default else cfg[k] = r[k] end
@@ -506,7 +554,25 @@ end
 
 -- ---- the loop ---------------------------------------------------------------
 
-local function idle() return open_count == 0 and pending == 0 end
+-- On the 2 ms poll a pass sleeps towards the next timer (and fires it when
+-- it wakes at its time) for as long as the sockets had been quiet before, NAP
+-- seconds at most: data that arrives meanwhile waits no longer than that
+-- quiet, and never over NAP; a quiet loop wakes a few times before a timer
+-- instead of 500 times a second.
+local NAP, quiet_since = 0.5, nil
+
+-- Fires what is due, after a nap when the sockets are quiet; the time after.
+local function fire_and_nap(t)
+  t = fire_timers(t)
+  if interval ~= 0 then return t end
+  if stirred or not quiet_since then quiet_since = t end
+  stirred = false
+  local due = next_due()
+  local left = due and math.min(due - t, NAP, t - quiet_since)
+  if not (left and left > 0.001) or stopping or idle() then return t end
+  core.sleep(left)
+  return fire_timers(clock())
+end
 
 local function tick()
   if #shielded > 0 then
@@ -514,8 +580,16 @@ local function tick()
     for i = 1, #shielded do shielded[i][1].type = shielded[i][2] end
     shielded = {}
   end
-  local t = next_due() and fire_timers(now())  -- no timer, no clock read
-  if stopping or idle() or (t and wanted_interval(t) or 1) ~= interval then core.loop_stop() end
+  local due, want = next_due(), 1
+  if due and (interval == 0 or not surely_far(due)) then
+    want = wanted_interval(fire_and_nap(clock()))
+  elseif due then
+    want = interval
+  end
+  if stirred and interval ~= 0 then
+    quiet_since, stirred = nil, false  -- events since the last clock read: quiet from now on
+  end
+  if stopping or idle() or want ~= interval then core.loop_stop() end
 end
 
 -- After a fatal sweep, which ends loop_start with an error: numbers of
@@ -539,7 +613,7 @@ function M.run()
   running, stopping = true, false
   local ok, err = pcall(function()
     while not stopping and not idle() do
-      interval = wanted_interval(now())
+      interval = wanted_interval(clock())
       local done, e = pcall(core.loop_start, tick, 1, interval)
       if not done then recover(e) end
     end

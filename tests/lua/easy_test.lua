@@ -23,6 +23,9 @@ for _, case in ipairs({
   { "ws://h:1/", { reconnect = { delay = 1 } }, "option 'reconnect.delay' is unknown" },
   { "tcp://1.2.3.4:5", { timeout = 1 }, "option 'timeout' is unknown for tcp://" },
   { "udp", { reconnect = true }, "option 'reconnect' is unknown for udp" },
+  { "ws://h:1/", { reconnect = { tries = true } }, "option 'reconnect.tries' must be a number >= 0 or false" },
+  { "ws://h:1/", { cafile = "ca.crt" }, "option 'cafile' is unknown for ws://" },
+  { "tls://1.2.3.4:5", { cert = "c", key = "k", io_timeout = "2" }, "option 'io_timeout' must be a number" },
 }) do
   local ok, err = pcall(function() if case[1] == "udp" then easy.udp(case[2]) else easy.connect(case[1], case[2]) end end)
   check(not ok and err:find("easy_test.lua:%d+: ws_client.easy: " .. case[3]:gsub("%p", "%%%0")), "option error", case[1], err)
@@ -38,10 +41,25 @@ for _, case in ipairs({
   { url("wss", "WS", "/"), nil, "^ssl_connect_fail$" },
   { url("tls", "TLS"), { cert = "/nonexistent.crt", key = "/nonexistent.key" }, "^ssl init fail$" },
   { url("tls", "TCP"), tls_opts, "^ssl_connect_fail$" },
+  -- the core's own keys pass through: verification against the peer's CA
+  { url("wss", "WSS", "/echo"), { cafile = certs .. "/ca.crt", servername = "wrong.invalid" }, "^ssl_connect_fail$" },
+  { url("tls", "TLS"), { cert = tls_opts.cert, key = tls_opts.key, capath = "/nonexistent" }, "^ssl_connect_fail$" },
+  { url("wss", "WSS", "/echo"), { cafile = certs .. "/ca.crt", io_timeout = 2, reconnect = { tries = false } } },
 }) do
   local obj, err, errno = easy.connect(case[1], case[2])
-  check(obj == nil and tostring(err):find(case[3]) and (errno == case[4] or not case[4]), "connect", case[1], err, errno)
+  if case[3] then
+    check(obj == nil and tostring(err):find(case[3]) and (errno == case[4] or not case[4]), "connect", case[1], err, errno)
+  else
+    check(obj and obj:close(), "verified connect", case[1], err, errno)
+  end
 end
+
+-- a cancelled timer is let go at once, not at its due time
+local held = setmetatable({}, { __mode = "k" })
+for _ = 1, 100 do held[easy.after(60, print)] = true end
+for t in pairs(held) do t:cancel() end
+collectgarbage(); collectgarbage()
+check(next(held) == nil, "cancelled timers released")
 
 -- sends refused on closed objects and on data the core would cut
 local ws = assert(easy.connect(url("ws", "WS", "/echo")))
