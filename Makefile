@@ -12,7 +12,7 @@ LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
 # OpenSSL is the default.
 OTHER_TLS  ?= mbedtls wolfssl
 
-.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross cross bench footprint dist mutants clean
+.PHONY: deps deps-demo build demo check test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross cross bench footprint dist mutants clean
 
 deps:
 	@scripts/deps.sh
@@ -33,37 +33,37 @@ demo: deps-demo
 	LUA_CPATH="$(CURDIR)/$(BUILD)/?.so" scripts/with_peer.sh -c "$(CURDIR)/$(BUILD)/peer-certs" \
 	  -l "$(CURDIR)/$(BUILD)/peer.log" -- lua5.1 examples/demo.lua
 
-# Each test group prints one line (its full output goes to <build dir>/test.log);
-# `make test` runs every group, then prints the total "N passed, N failed".
-GROUP = JOBS=$(JOBS) scripts/test_group.sh
+# The test groups are the lines of scripts/test_groups.txt; scripts/test_groups.sh
+# runs some or all of them, one line each (the whole output in <build dir>/test.log),
+# then the total "N passed, N failed".
+GROUPS = JOBS=$(JOBS) scripts/test_groups.sh
+
+# The fast tier: the Lua 5.1 build in $(BUILD) with the unit tests, the seed
+# replays, the examples and the companion's test (not the packaging tests).
+check: deps
+	@EXCLUDE='^rockspec$$' $(GROUPS) plain
 
 test-plain: deps
-	@$(GROUP) plain $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	@$(GROUPS) plain
 
 test-asan: deps
-	@ASAN_OPTIONS=detect_leaks=1 $(GROUP) asan $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DWS_CLIENT_SANITIZE=ON
+	@$(GROUPS) asan
 
 # The other interpreters, each in a build of its own (build-lua5.2 ...
 # build-luajit): the module and the script-level tests under that interpreter
 # (module load, install, the examples and the demo against the local peer).
 # Only the 5.4 build adds the unit suite; the others build the module alone.
-$(LUA_LEGS): test-lua%: deps
-	@$(GROUP) lua$* build-lua$* -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_LUA=$(patsubst jit,luajit,$*) \
-	  -DWS_CLIENT_TESTS=$(if $(filter 5.4,$*),ON,OFF)
+$(LUA_LEGS): test-%: deps
+	@$(GROUPS) $*
 
 # Each fuzz target for FUZZ_SECONDS (make test-fuzz FUZZ_SECONDS=3600 for a long run).
 test-fuzz: deps
-	@if command -v clang++ >/dev/null 2>&1; then \
-	  TARGET=fuzz_targets $(GROUP) fuzz $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-	    -DWS_CLIENT_TESTS=OFF -DWS_CLIENT_FUZZ=ON -DWS_CLIENT_FUZZ_SECONDS=$(FUZZ_SECONDS); \
-	else echo "fuzz: clang++ not found, not run"; fi
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) $(GROUPS) fuzz
 
 # The TLS, WebSocket and protection tests, the examples and the demo on each other TLS
 # library, one build each in build-tls-NAME.
 test-tls: deps
-	@status=0; for tls in $(OTHER_TLS); do \
-	  CTEST_ARGS="-E rockspec" $(GROUP) $$tls build-tls-$$tls -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TLS=$$tls || status=1; \
-	done; exit $$status
+	@$(GROUPS) $(OTHER_TLS)
 
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
@@ -72,7 +72,7 @@ dist:
 
 # Cross builds: size-optimised, stripped, one per architecture in
 # $(CROSS_BUILD)/ARCH/ws_client.so, each against a sysroot of that
-# architecture's Debian packages cached in $(CROSS_BUILD)/sysroot-ARCH.
+# architecture's Debian packages kept in ~/.cache/ws_client/sysroot-ARCH.
 # `make cross ARCH=arm64` for one (only ARCH given on the command line counts);
 # `make cross TLS=mbedtls` (or wolfssl) builds on that TLS library instead, in
 # $(CROSS_BUILD)/ARCH-TLS.
@@ -92,13 +92,9 @@ test-cross:
 	@JOBS=$(JOBS) TLS=$(TLS) scripts/cross.sh -t $(CROSS_BUILD) $(ARCH); status=$$?; \
 	  JOBS=$(JOBS) TLS=mbedtls scripts/cross.sh -t $(CROSS_BUILD) arm64 && exit $$status
 
-TEST_GROUPS := test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross
-TEST_COUNTS := $(BUILD) $(ASAN_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) $(FUZZ_BUILD) \
-               $(patsubst %,build-tls-%,$(OTHER_TLS)) $(CROSS_BUILD)/test-counts $(CROSS_BUILD)/test-counts-mbedtls
 test: deps
-	@for counts in $(TEST_COUNTS); do [ -d "$$counts" ] && counts="$$counts/test-counts"; rm -f "$$counts"; done
-	@$(MAKE) -k --no-print-directory $(TEST_GROUPS); status=$$?; \
-	  scripts/test_group.sh --total $(TEST_COUNTS) && exit $$status
+	@scripts/deps.sh cross
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) $(GROUPS)
 
 # Every mutant of tools/mutants.txt against the fast tests (incremental builds
 # in build-mutants/); the table ends with `killed K of N` and names every
@@ -130,4 +126,4 @@ footprint: deps
 	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) build-ccache build-logs $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants

@@ -11,13 +11,14 @@ demo_packages=(
   libssl-dev openssl
   python3 python3-websockets
 )
-# `make test` adds the other interpreters, the test and fuzzing tools, luarocks.
+# `make test` adds the other interpreters, the test and fuzzing tools, luarocks
+# and ccache (one compile of what the groups build alike).
 packages=(
   lua5.2 liblua5.2-dev lua5.3 liblua5.3-dev lua5.4 liblua5.4-dev luajit libluajit-5.1-dev
   libmbedtls-dev libwolfssl-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  luarocks
+  luarocks ccache
 )
 # `deps.sh cross`: also the cross compilers and the emulator (make cross,
 # make test; not needed for the demo). apt-get and dpkg-deb make the sysroots.
@@ -42,6 +43,27 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "  sudo apt-get update && sudo apt-get install -y ${missing[*]}" >&2
   exit 1
 fi
-echo "Installing: ${missing[*]}"
-apt-get update -qq
-DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
+
+# apt's output goes to a log; one line here. Another apt or dpkg holding the
+# package lock is waited for, LOCK_WAIT seconds at most.
+log_dir="$(cd "$(dirname "$0")/.." && pwd)/build-logs"
+mkdir -p "$log_dir"
+log="$log_dir/deps.log"
+lock_wait="${LOCK_WAIT:-600}"
+apt_quiet() {
+  local waited=0 told=0
+  until DEBIAN_FRONTEND=noninteractive apt-get -q -y "$@" >>"$log" 2>&1; do
+    if ! tail -n 5 "$log" | grep -qE "Could not get lock|Unable to (acquire|lock)"; then
+      echo "apt-get $1 failed; the end of $log:" >&2
+      tail -n 15 "$log" >&2
+      return 1
+    fi
+    [ "$told" -eq 1 ] || { echo "deps: waiting for the package lock (another apt or dpkg holds it), ${lock_wait} s at most"; told=1; }
+    [ "$waited" -lt "$lock_wait" ] || { echo "deps: the package lock was still held after ${lock_wait} s" >&2; return 1; }
+    sleep 5
+    waited=$((waited + 5))
+  done
+}
+echo "deps: installing ${missing[*]} (log: $log)"
+apt_quiet update
+apt_quiet install "${missing[@]}"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Every example, the README's tour and the demo run against a fresh local
 # default peer, so that they cannot rot; then the demo runs once more with nothing listening and
-# must fail within its time limit.
+# must fail within its time limit. The runs are independent and mostly wait:
+# they run side by side, their reports printed in order at the end.
 #   examples_test.sh INTERPRETER MODULE_DIR
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -10,13 +11,16 @@ if [ "${1:-}" != "--inner" ]; then
 fi
 lua="$2"
 export LUA_CPATH="$3/?.so"
-failed=0
+reports="$(mktemp -d)"
+trap 'rm -rf "$reports"' EXIT
+count=0
 
 # run NAME EXPECTED_STATUS SCRIPT [LINE...]: the script exits with the
 # expected status and prints every LINE as a whole line (re:LINE: a whole line
-# matching that extended regular expression).
-run() {
-  local name="$1" expected="$2" script="$3" output status=0 problems=() text
+# matching that extended regular expression). Started in the background; the
+# report goes to a numbered file.
+check_run() {
+  local name="$1" expected="$2" script="$3" output status=0 problems=() text start=$SECONDS
   shift 3
   [[ "$script" == /* ]] || script="$root/examples/$script"
   output="$(timeout 120 "$lua" "$script" 2>&1)" || status=$?
@@ -25,9 +29,14 @@ run() {
     if [[ "$text" == re:* ]]; then grep -qxE -- "${text#re:}" <<<"$output" || problems+=("no line matching: ${text#re:}")
     else grep -qxF -- "$text" <<<"$output" || problems+=("no line: $text"); fi
   done
-  [ ${#problems[@]} -eq 0 ] && { echo "ok   $name"; return; }
-  failed=$((failed + 1))
+  [ ${#problems[@]} -eq 0 ] && { echo "ok   $name ($((SECONDS - start)) s)"; return; }
   printf 'FAIL %s\n' "$name" && printf '     %s\n' "${problems[@]}" && sed 's/^/     | /' <<<"$output"
+  return 1
+}
+run() {  # EXAMPLES_JOBS runs at a time (default 4)
+  while [ "$(jobs -rp | wc -l)" -ge "${EXAMPLES_JOBS:-4}" ]; do wait -n || true; done
+  count=$((count + 1))
+  check_run "$@" >"$reports/$(printf %03d $count)" 2>&1 &
 }
 
 run demo 0 demo.lua \
@@ -85,10 +94,9 @@ else
 fi
 
 # The README's tour as written, but for the port the peer got.
-tour="$(mktemp)"
+tour="$reports/tour.lua"
 sed -n '/^```lua$/,/^```$/{/^```/d;p}' "$root/README.md" | sed "s/port = 8801,/port = $PEER_WS_PORT,/" >"$tour"
 run readme_tour 0 "$tour" "open" "got hello" "closed: User do close"
-rm -f "$tour"
 
 run wss_verify 0 wss_verify.lua \
   "wss wrong name: closed: ssl_connect_fail" \
@@ -96,6 +104,7 @@ run wss_verify 0 wss_verify.lua \
 
 # Nothing listens on a port that was just free: every connect is refused and
 # the datagram goes unanswered, so the demo ends at its limit and says so.
+(
 free_port="$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')"
 for service in WS WSS HTTP TLS UDP; do export "PEER_${service}_PORT=$free_port"; done
 # ECONNREFUSED is 146 on MIPS (cross.sh says so there).
@@ -105,6 +114,11 @@ DEMO_SECONDS=2 run demo_without_peer 1 demo.lua \
 [ -n "${SKIP_EASY:-}" ] || DEMO_SECONDS=2 run easy_demo_without_peer 1 easy/demo.lua \
   "http  error ${ECONNREFUSED_NUMBER:-111}: Connection refused" \
   "re:summary: 0 of 5 seen in [0-9]+ s, missing: ws, wss, http, tls, udp"
+wait
+)
 
+wait
+cat "$reports"/[0-9]*
+failed="$(cat "$reports"/[0-9]* | grep -c '^FAIL' || true)"
 echo "$failed failed"
 [ "$failed" -eq 0 ]

@@ -102,7 +102,7 @@ end
 
 local heap, serial = {}, 0  -- binary heap of live timers by (due, serial); each knows its place
 local running, stopping, interval = false, false, nil
-local stirred = false  -- a socket callback ran since the last tick
+local stirred = false  -- a socket callback or a timer ran since the last tick
 local open_count = 0
 local function idle() return open_count == 0 and heap[1] == nil end
 -- Nothing left to serve: run() returns at the end of this pass (from a
@@ -228,6 +228,7 @@ local function fire_timers(t)
     call(timer.fn, timer)
     due = next_due()
   end
+  stirred = true  -- what a timer sent may be answered at once
   return clock()
 end
 
