@@ -121,14 +121,15 @@ for arch in "$@"; do
 done
 broken=$failed
 if [ "$test" -eq 1 ] && [ ${#built[@]} -gt 0 ]; then
-  # The legs mostly wait on the peer: all of them run side by side.
   pids=()
   for arch in "${built[@]}"; do rm -f "$build_root/$arch$suffix".*.leg; done
-  for arch in "${built[@]}"; do
-    for lua in lua5.1 luajit; do interpreter "$arch" "$lua" >"$build_root/$arch$suffix.$lua.leg" 2>&1 & pids+=($!); done
-  done
+  # The unit tests first, alone: some bound a wait that emulation on a busy
+  # machine stretches. Then the interpreters' legs, all side by side.
   for arch in "${built[@]}"; do
     [ "$arch" = s390x ] && [ "$tls" = openssl ] && { unit_tests "$arch" >"$build_root/$arch.unit.leg" 2>&1 || failed=1; }
+  done
+  for arch in "${built[@]}"; do
+    for lua in lua5.1 luajit; do interpreter "$arch" "$lua" >"$build_root/$arch$suffix.$lua.leg" 2>&1 & pids+=($!); done
   done
   for pid in "${pids[@]}"; do wait "$pid" || failed=1; done
   legs=()

@@ -20,6 +20,9 @@ optional=(luajit libmbedtls14 libwolfssl35)
 development_optional=(libmbedtls-dev libwolfssl-dev)
 [ "$arch" = s390x ] && optional+=(libstdc++6) development_optional+=(libgtest-dev libgmock-dev)
 
+# Two builds may want the same sysroot at once: one makes it, the other waits.
+exec 9>"$dir.lock"
+flock 9
 wanted="${runtime[*]} ${development[*]} ${optional[*]} ${development_optional[*]:-}"
 if [ -f "$dir/root/.complete" ] && [ "$(head -1 "$dir/root/.complete")" = "$wanted" ]; then
   exit 0

@@ -3,9 +3,9 @@
 # (its whole output is in DIR/test.log) and the total:
 #   test_groups.sh [NAME...]    the groups named, or all of them
 # EXCLUDE=REGEX leaves out the CMake groups' tests matching it.
-# The builds run one at a time (JOBS compile jobs each), in the table's order;
-# each group's tests run beside the builds that follow and the other groups'
-# tests. Compiles (and the groups marked `nice`) run niced, so that the tests
+# The builds start in the table's order, BUILDS (default 2) at a time with
+# JOBS compile jobs each; each group's tests run as soon as its build is done,
+# beside the builds that follow and the other groups' tests. Compiles (and the groups marked `nice`) run niced, so that the tests
 # that measure waits get the processor when they need it. A group that does not build, start or give a result counts as failed,
 # and the total line names it. With ccache on the PATH, the compiles go
 # through it with a cache in build-ccache/, so what several groups compile
@@ -45,7 +45,10 @@ trap 'rm -rf "$results"' EXIT
 # result I PASSED FAILED [WHY]: group I's counts (and why it has none).
 result() { echo "$2 $3 ${4:-}" >"$results/$1"; }
 
-# cmake_group I DIR WORD...: configure and build now; test in the background.
+# Each group function builds, marks the build done ($results/I.built: the
+# next build may start), then tests.
+
+# cmake_group I DIR WORD...: configure, build, ctest.
 cmake_group() {
   local i="$1" dir="$2" log="$2/test.log" start=$SECONDS cmake_args=() ctest_args=() target=() word
   local exclude="${EXCLUDE:-}" ctest_nice=()
@@ -70,32 +73,31 @@ cmake_group() {
     return
   fi
   local built=$((SECONDS - start))
-  {
-    start=$SECONDS
+  touch "$results/$i.built"
+  start=$SECONDS
     # the tests mostly wait on peers and time-outs: more of them than cores
     "${ctest_nice[@]}" ctest --test-dir "$dir" --output-on-failure -j $((jobs * 2)) "${ctest_args[@]}" >>"$log" 2>&1
     local summary total failed
     summary="$(grep -E "tests passed, [0-9]+ tests? failed out of" "$log" | tail -n 1)"
     total="$(sed -nE 's/.* out of ([0-9]+).*/\1/p' <<<"$summary")"
     failed="$(sed -nE 's/.*passed, ([0-9]+) tests? failed.*/\1/p' <<<"$summary")"
-    if [ -z "$total" ]; then
-      echo "${names[$i]}: no test summary ($log)"
-      result "$i" 0 1 "no result"
-      exit
-    fi
-    result "$i" $((total - failed)) "$failed"
-    echo "${names[$i]}: $summary (built in $built s, tested in $((SECONDS - start)) s)"
-    if [ "$failed" -ne 0 ]; then
-      sed -n '/The following tests FAILED/,$p' "$log" | grep -E "^\s+[0-9]+ - " | sed 's/^\s*/  /'
-      echo "  details: $log"
-    fi
-  } &
+  if [ -z "$total" ]; then
+    echo "${names[$i]}: no test summary ($log)"
+    result "$i" 0 1 "no result"
+    return
+  fi
+  result "$i" $((total - failed)) "$failed"
+  echo "${names[$i]}: $summary (built in $built s, tested in $((SECONDS - start)) s)"
+  if [ "$failed" -ne 0 ]; then
+    sed -n '/The following tests FAILED/,$p' "$log" | grep -E "^\s+[0-9]+ - " | sed 's/^\s*/  /'
+    echo "  details: $log"
+  fi
 }
 
-# cross_group I DIR [VAR=VALUE...] ARCH...: cross builds now, their tests in
-# the background (cross.sh writes its counts to TEST_COUNTS).
+# cross_group I DIR [VAR=VALUE...] ARCH...: cross builds, then their tests
+# (cross.sh writes its counts to TEST_COUNTS).
 cross_group() {
-  local i="$1" dir="$2" env=() arches=() word
+  local i="$1" dir="$2" env=() arches=() word begun=$SECONDS
   shift 2
   for word in "$@"; do
     if [[ "$word" == *=* ]]; then env+=("$word"); else arches+=("$word"); fi
@@ -107,23 +109,50 @@ cross_group() {
     result "$i" 0 1 "build"
     return
   fi
-  cat "$results/$i.build"
-  {
-    env "${env[@]}" JOBS="$jobs" TEST_COUNTS="$results/$i.counts" scripts/cross.sh -t "$dir" "${arches[@]}" \
-      >"$results/$i.test" 2>&1
-    grep -v ": [0-9]* bytes stripped" "$results/$i.test"
-    if [ -s "$results/$i.counts" ]; then cp "$results/$i.counts" "$results/$i"; else result "$i" 0 1 "no result"; fi
-  } &
+  touch "$results/$i.built"
+  local start=$SECONDS
+  env "${env[@]}" JOBS="$jobs" TEST_COUNTS="$results/$i.counts" scripts/cross.sh -t "$dir" "${arches[@]}" \
+    >"$results/$i.test" 2>&1
+  # one block: the builds' lines, then the legs'
+  { cat "$results/$i.build"; grep -v ": [0-9]* bytes stripped" "$results/$i.test"
+    echo "${names[$i]}: built in $((start - begun)) s, tested in $((SECONDS - start)) s"; } | sed "1!s/^/  /"
+  if [ -s "$results/$i.counts" ]; then cp "$results/$i.counts" "$results/$i"; else result "$i" 0 1 "no result"; fi
 }
 
+# run_group I DIR COMMAND...: nothing to build; the command's output goes to
+# DIR/test.log; it may write "PASSED FAILED" to $TEST_COUNTS, else its exit
+# status counts as one test.
+run_group() {
+  local i="$1" dir="$2" start=$SECONDS status=0 p f
+  shift 2
+  mkdir -p "$dir"
+  touch "$results/$i.built"
+  TEST_COUNTS="$results/$i.counts" JOBS="$jobs" "$@" >"$dir/test.log" 2>&1 || status=$?
+  if [ -s "$results/$i.counts" ]; then cp "$results/$i.counts" "$results/$i"
+  elif [ "$status" -eq 0 ]; then result "$i" 1 0
+  else result "$i" 0 1 "exit status $status"; fi
+  read -r p f _ <"$results/$i"
+  echo "${names[$i]}: $p passed, $f failed in $((SECONDS - start)) s"
+  [ "$f" -eq 0 ] || echo "  details: $dir/test.log"
+}
+
+# BUILDS builds at a time (default 2: while one links or configures, the
+# other compiles); each group's tests run as soon as its build is done.
+started=0
 for i in "${selected[@]}"; do
+  while [ $((started - $(find "$results" -name '*.built' | wc -l))) -ge "${BUILDS:-2}" ]; do sleep 0.2; done
+  started=$((started + 1))
   eval "words=(${lines[$i]})"
   kind="${words[0]}"
-  case "$kind" in
-    cmake) cmake_group "$i" "${dirs[$i]}" "${words[@]:1}" ;;
-    cross) cross_group "$i" "${dirs[$i]}" "${words[@]:1}" ;;
-    *) echo "${names[$i]}: unknown kind '$kind'"; result "$i" 0 1 "not started" ;;
-  esac
+  {
+    case "$kind" in
+      cmake) cmake_group "$i" "${dirs[$i]}" "${words[@]:1}" ;;
+      cross) cross_group "$i" "${dirs[$i]}" "${words[@]:1}" ;;
+      run) run_group "$i" "${dirs[$i]}" "${words[@]:1}" ;;
+      *) echo "${names[$i]}: unknown kind '$kind'"; result "$i" 0 1 "not started" ;;
+    esac
+    touch "$results/$i.built"  # also when it failed before
+  } &
 done
 wait
 

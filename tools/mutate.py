@@ -114,7 +114,8 @@ def run(command, limit=None, env=None, quiet=True):
 def configure(tree, build, sanitize):
     if os.path.isfile(os.path.join(build, "CMakeCache.txt")):
         return
-    options = ["-DCMAKE_BUILD_TYPE=Debug", "-DWS_CLIENT_SANITIZE=%s" % ("ON" if sanitize else "OFF")]
+    options = ["-DCMAKE_BUILD_TYPE=Debug", "-DWS_CLIENT_SANITIZE=%s" % ("ON" if sanitize else "OFF"),
+               "-DWS_CLIENT_WERROR=ON"]
     status, output = run(["cmake", "-S", tree, "-B", build] + options)
     if status != 0:
         sys.exit("configure failed:\n" + output)
