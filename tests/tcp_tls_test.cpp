@@ -4,7 +4,8 @@
 
 namespace {
 
-const std::string kReset = "(" + std::string(std::strerror(ECONNRESET)) + "|" + std::strerror(EPIPE) + ")";
+// appended left to right: GCC 12 at -O3 misreads "(" + std::string(...) (-Wrestrict)
+const std::string kReset = std::string("(") + std::strerror(ECONNRESET) + "|" + std::strerror(EPIPE) + ")";
 
 class TcpTest : public SocketTest {
 protected:

@@ -151,16 +151,25 @@ end
 
 local function next_due() return heap[1] and heap[1].due end
 
--- The core's whole-second tick (about one wake-up a second) while nothing is
--- due soon, its 2 ms poll otherwise. A loop_stop() from the periodic function
--- takes effect only after that pass's select(), a whole tick later, and a
--- loop started with the tick first calls it after a tick: so the tick is
--- kept only while the next timer is two ticks and a margin away, and the
--- poll runs in the last second (or two, when the loop has just started).
-local SLOW_FOR = 2.1
+-- The core's tick is whole seconds, and a loop_stop() from the periodic
+-- function takes effect only after that pass's select(), a whole tick later:
+-- so a tick of n seconds is kept only while the next timer is two ticks and a
+-- margin away (reach(n)). A loop restarted with a tick of n that stops at its
+-- (m-1)th tick is back m ticks later: n is picked for the fewest ticks that
+-- bring the loop back within about a second of the timer, where the core's
+-- 2 ms poll (interval 0) takes over, with naps (below). MAX_TICK with no timer.
+local MARGIN, MAX_TICK = 0.1, 30
+local function reach(n) return 2 * n + MARGIN end
 local function wanted_interval(t)
   local due = next_due()
-  return (due and due - t < SLOW_FOR) and 0 or 1
+  if not due then return MAX_TICK end
+  local left = due - t
+  if left < reach(1) then return 0 end
+  for m = 2, left do
+    local n = math.floor((left - MARGIN) / m)
+    if n >= 1 and left - m * n <= 1 + MARGIN then return math.min(n, MAX_TICK) end
+  end
+  return 1
 end
 
 local Timer = {}
@@ -177,7 +186,7 @@ local function schedule(t, at)
   sift_up(#heap)
   -- a loop on the whole-second tick must come round sooner (from a socket
   -- callback this takes effect at once)
-  if running and interval ~= 0 and at - now() < SLOW_FOR then core.loop_stop() end
+  if running and interval ~= 0 and at - now() < reach(interval) then core.loop_stop() end
 end
 
 local function new_timer(name, seconds, fn, every)
@@ -207,7 +216,7 @@ local function clock()
 end
 local function surely_far(due)
   local wall = os.time()
-  local sure = wall >= wall_seen and wall - wall_at + 1 < due - read_at - SLOW_FOR
+  local sure = wall >= wall_seen and wall - wall_at + 1 < due - read_at - reach(interval)
   wall_seen = wall
   return sure
 end
@@ -280,6 +289,7 @@ local function core_error(obj, options, errno, text)
     -- loop): this socket is healthy, so its close is made a no-op
     options.type = NO_KIND
     shielded[#shielded + 1] = { options, obj.code }
+    core.loop_stop()  -- run() restores it, sweep or not
   end
 end
 
@@ -560,41 +570,47 @@ end
 -- seconds at most: data that arrives meanwhile waits no longer than that
 -- quiet, and never over NAP; a quiet loop wakes a few times before a timer
 -- instead of 500 times a second.
-local NAP, quiet_since = 0.5, nil
+local NAP, quiet_since, stirred_wall = 0.5, nil, nil
 
 -- Fires what is due, after a nap when the sockets are quiet; the time after.
 local function fire_and_nap(t)
   t = fire_timers(t)
   if interval ~= 0 then return t end
-  if stirred or not quiet_since then quiet_since = t end
-  stirred = false
+  if stirred or not quiet_since then
+    -- events seen on a whole-second tick happened before that tick's wall clock second
+    quiet_since = (not stirred and stirred_wall) and t - math.max(0, os.time() - stirred_wall - 1) or t
+  end
+  stirred, stirred_wall = false, nil
   local due = next_due()
   local left = due and math.min(due - t, NAP, t - quiet_since)
   if not (left and left > 0.001) or stopping or idle() then return t end
   core.sleep(left)
-  return fire_timers(clock())
+  t = fire_timers(clock())
+  if stirred then quiet_since, stirred = t, false end  -- a timer ran: from now on
+  return t
+end
+
+local function unshield()
+  for i = 1, #shielded do shielded[i][1].type = shielded[i][2] end
+  shielded = {}
 end
 
 local function tick()
-  if #shielded > 0 then
-    -- no sweep followed the report after all: the sockets are dispatched again
-    for i = 1, #shielded do shielded[i][1].type = shielded[i][2] end
-    shielded = {}
-  end
-  local due, want = next_due(), 1
-  if due and (interval == 0 or not surely_far(due)) then
+  local due, want = next_due(), interval
+  if not due then
+    want = interval == 0 and MAX_TICK or interval
+  elseif interval == 0 or not surely_far(due) then
     want = wanted_interval(fire_and_nap(clock()))
-  elseif due then
-    want = interval
   end
   if stirred and interval ~= 0 then
-    quiet_since, stirred = nil, false  -- events since the last clock read: quiet from now on
+    quiet_since, stirred, stirred_wall = nil, false, os.time()
   end
-  if stopping or idle() or want ~= interval then core.loop_stop() end
+  -- a shorter tick at once; a longer one after the poll
+  if stopping or idle() or want < interval or (interval == 0 and want > 0) then core.loop_stop() end
 end
 
 -- After a fatal sweep, which ends loop_start with an error: numbers of
--- closed descriptors leave the loop's table, shielded sockets are restored.
+-- closed descriptors leave the loop's table (run() then restores the shielded sockets).
 local function recover(err)
   if #shielded == 0 then error(err, 0) end
   local top = 0
@@ -603,8 +619,6 @@ local function recover(err)
     if fd and fd > top then top = fd end
   end
   purge(top)
-  for i = 1, #shielded do shielded[i][1].type = shielded[i][2] end
-  shielded = {}
 end
 
 -- run(): serves every socket and timer until stop() is called, or until no
@@ -612,11 +626,13 @@ end
 function M.run()
   if running then error("run: the loop is already running", 2) end
   running, stopping = true, false
+  quiet_since = clock()  -- what came before is waiting in the kernel: the first select() sees it
   local ok, err = pcall(function()
     while not stopping and not idle() do
       interval = wanted_interval(clock())
       local done, e = pcall(core.loop_start, tick, 1, interval)
       if not done then recover(e) end
+      unshield()  -- no sweep followed the report, or it is over
     end
   end)
   running, interval = false, nil
