@@ -5,12 +5,13 @@
 # EXCLUDE=REGEX leaves out the CMake groups' tests matching it.
 # The builds start in the table's order, BUILDS (default 2) at a time with
 # JOBS compile jobs each; each group's tests run as soon as its build is done,
-# beside the builds that follow and the other groups' tests. Compiles (and the groups marked `nice`) run niced, so that the tests
-# that measure waits get the processor when they need it. A group that does not build, start or give a result counts as failed,
-# and the total line names it. With ccache on the PATH, the compiles go
-# through it with a cache in build-ccache/, so what several groups compile
-# alike (the Lua-free core for each TLS library, the unit tests on each
-# interpreter) is compiled once.
+# beside the builds that follow and the other groups' tests. A group marked
+# `nice` tests niced (the fuzzers: they only compute, for a fixed time).
+# A group that does not build, start or give a result counts as failed, and
+# the total line names it. With ccache on the PATH, the compiles go through
+# it with a cache in build-ccache/, so what several groups compile alike (the
+# Lua-free core for each TLS library, the unit tests on each TLS library) is
+# compiled once.
 set -uo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 cd "$root" || exit 1
@@ -65,7 +66,7 @@ cmake_group() {
   mkdir -p "$dir"
   rm -f "$dir/CMakeCache.txt"
   if ! { cmake -S . -B "$dir" "${common[@]}" "${cmake_args[@]}" &&
-         nice -n 10 cmake --build "$dir" -j "$jobs" "${target[@]}"; } \
+         cmake --build "$dir" -j "$jobs" "${target[@]}"; } \
       >"$log" 2>&1; then
     echo "${names[$i]}: build FAILED ($log):"
     grep -E "error|Error" "$log" | head -n 20 | sed 's/^/  /'
@@ -103,7 +104,7 @@ cross_group() {
     if [[ "$word" == *=* ]]; then env+=("$word"); else arches+=("$word"); fi
   done
   mkdir -p "$dir"
-  if ! env "${env[@]}" JOBS="$jobs" nice -n 10 scripts/cross.sh "$dir" "${arches[@]}" >"$results/$i.build" 2>&1; then
+  if ! env "${env[@]}" JOBS="$jobs" scripts/cross.sh "$dir" "${arches[@]}" >"$results/$i.build" 2>&1; then
     echo "${names[$i]}: build FAILED:"
     sed 's/^/  /' "$results/$i.build" | tail -n 20
     result "$i" 0 1 "build"
@@ -113,9 +114,9 @@ cross_group() {
   local start=$SECONDS
   env "${env[@]}" JOBS="$jobs" TEST_COUNTS="$results/$i.counts" scripts/cross.sh -t "$dir" "${arches[@]}" \
     >"$results/$i.test" 2>&1
-  # one block: the builds' lines, then the legs'
-  { cat "$results/$i.build"; grep -v ": [0-9]* bytes stripped" "$results/$i.test"
-    echo "${names[$i]}: built in $((start - begun)) s, tested in $((SECONDS - start)) s"; } | sed "1!s/^/  /"
+  # one block: the group, then the builds' lines and the legs'
+  { echo "${names[$i]}: built in $((start - begun)) s, tested in $((SECONDS - start)) s"
+    cat "$results/$i.build"; grep -v ": [0-9]* bytes stripped" "$results/$i.test"; } | sed "1!s/^/  /"
   if [ -s "$results/$i.counts" ]; then cp "$results/$i.counts" "$results/$i"; else result "$i" 0 1 "no result"; fi
 }
 
