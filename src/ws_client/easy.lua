@@ -158,7 +158,7 @@ local function next_due() return heap[1] and heap[1].due end
 -- (m-1)th tick is back m ticks later: n is picked for the fewest ticks that
 -- bring the loop back within about a second of the timer, where the core's
 -- 2 ms poll (interval 0) takes over, with naps (below). MAX_TICK with no timer.
-local MARGIN, MAX_TICK = 0.1, 30
+local MARGIN, MAX_TICK = 0.1, 10
 local function reach(n) return 2 * n + MARGIN end
 local function wanted_interval(t)
   local due = next_due()
