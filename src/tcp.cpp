@@ -15,7 +15,7 @@
 
 #include "callbacks.h"
 #include "chunked.h"
-#include "luacli.h"
+#include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
@@ -92,6 +92,26 @@ int do_tcp_connect(lua_State* L, tcp_record* record) {
         WS_LOG("ssl_connect_fail\n");
         return -1;
     }
+    return 1;
+}
+
+int tcp_opened(lua_State* L, tcp_record* record) {
+    const int32_t fd = record->sockfd;
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now");
+        if (close(fd) == -1)
+            WS_LOG_IN("luacli", "tcp_connect", "close %d: %s\n", fd, std::strerror(errno));
+        lua_pushnil(L);  // the record keeps its descriptor number and status
+        return 1;
+    }
+    record->status = TCP_STATUS_OPEN;
+    lua_settop(L, 1);
+    registry_store_top(L, udata_key(fd));
+    WS_LOG_IN("luacli", "tcp_connect", "Will do on open\n");  // the binding's lines, as they always read
+    tcp_connect_callback(L, record);
+    WS_LOG_IN("luacli", "tcp_connect", "Connect callback out\n");
+    // on_open may have closed or replaced the object: return what is registered.
+    get_udata_by_sockfd(L, fd);
     return 1;
 }
 

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "callbacks.h"
-#include "luacli.h"
+#include "socket_table.h"
 #include "tools.h"
 
 #define LOG_UNIT "udp"

@@ -14,8 +14,8 @@
 #include "callbacks.h"
 #include "fdset.h"
 #include "handshake.h"
-#include "luacli.h"
 #include "net.h"
+#include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
@@ -380,6 +380,25 @@ int do_new_connect(lua_State* L, ws_record* ws) {
         WS_LOG("do handshake fail\n");
         return fail_connect(L, ws, std::strerror(errno), "handshake fail");
     }
+    return 1;
+}
+
+int ws_opened(lua_State* L, ws_record* ws) {
+    const int32_t fd = ws->sockfd;
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now!");
+        close(fd);
+        lua_pushnil(L);
+        return 1;
+    }
+    // The loop and the receive path use this copy, taken while connecting.
+    push_record_copy(L, *ws, METATABLE_WS);
+    registry_store_top(L, udata_key(fd));
+    WS_LOG_IN("luacli", "ws_connect", "Will do on open\n");  // the binding's lines, as they always read
+    connect_callback(L, fd);
+    ws->status = WS_STATUS_OPEN;
+    WS_LOG_IN("luacli", "ws_connect", "Connect callback out\n");
+    push_record_copy(L, *ws, METATABLE_WS);
     return 1;
 }
 
