@@ -372,18 +372,21 @@ const char* tls_verify_result(const tls_session* session) {
     return text;
 }
 
-int tls_session_connect(tls_session* session) {
-    // One call on the blocking descriptor; an interrupted handshake fails,
-    // as a blocking OpenSSL connect does. errno is the socket's when the
-    // socket failed (or its bound ran out), else 0, as OpenSSL leaves it
-    // (it clears errno before its socket calls): a refused certificate
-    // reaches on_error with the same number on either library.
+tls_progress tls_session_step(tls_session* session) {
+    // errno is the socket's when the socket failed (or its bound ran out),
+    // else 0, as OpenSSL leaves it (it clears errno before its socket calls):
+    // a refused certificate reaches on_error with the same number on either
+    // library.
     const int result = mbedtls_ssl_handshake(&session->ssl);
     if (result != MBEDTLS_ERR_SSL_WANT_READ && result != MBEDTLS_ERR_SSL_WANT_WRITE &&
         result != MBEDTLS_ERR_NET_RECV_FAILED && result != MBEDTLS_ERR_NET_SEND_FAILED)
         errno = 0;
     note_failure(result);
-    return result == 0 ? 0 : -1;
+    if (result == 0)
+        return tls_progress::done;
+    if (result == MBEDTLS_ERR_SSL_WANT_READ)
+        return tls_progress::want_read;
+    return result == MBEDTLS_ERR_SSL_WANT_WRITE ? tls_progress::want_write : tls_progress::failed;
 }
 
 void tls_session_free(tls_session* session) {
