@@ -70,8 +70,8 @@ ws_out data_piece(ws_session& s, std::span<const uint8_t> piece, bool frame_end,
         (!utf8_feed(s.utf8, piece.data(), piece.size()) || (last && !utf8_complete(s.utf8))))
         return failed(s, WS_CLOSE_BAD_DATA, used);
     std::span<const uint8_t> bytes = piece;
-    // a whole message in one piece is handed out from the input, uncopied
-    if (!(s.store_size == 0 && last && piece.size() == f.length)) {
+    // a message whose bytes all came in this piece is handed out from the input, uncopied
+    if (!(s.store_size == 0 && last)) {
         if (!reserve_store(s, s.store_size + piece.size() + s.frames.left))
             return failed(s, WS_CLOSE_NO_MEMORY, used);
         if (!piece.empty())

@@ -102,7 +102,7 @@ TEST(WsCodec, WireRowsWholeAndInPieces) {
         // close handling
         {"empty close", F(0x88, ""), {"close 1005"}},
         {"close code and reason", F(0x88, ok + "ok"), {"close 1000 ok"}},
-        {"one-byte close", F(0x88, "\x03"), {"fail 1002"}},
+        {"one-byte close", F(0x89, ok) + F(0x88, "\x03"), {"ping \x03\xe8", "fail 1002"}},
         {"reason not UTF-8", F(0x88, ok + "\xc0\xaf"), {"fail 1007"}},
         {"nothing counts after close", F(0x88, ok) + F(0x81, "a") + "\xff", {"close 1000"}},
         {"close of 126 bytes", F(0x88, ok + A(124)), {"fail 1002"}},
