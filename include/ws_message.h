@@ -104,7 +104,8 @@ struct ws_framed {
 
 // One final frame of `opcode` (text, binary, ping, pong) carrying payload.
 // bad_opcode: any other opcode (closes go through ws_session_close_frame);
-// too_long: a control payload over 125 bytes; after_close: data after a close.
+// too_long: a control payload over 125 bytes (or a payload whose frame size
+// would not fit size_t); after_close: data after a close.
 // Text is not checked for UTF-8 here (utf8.h does that where it is wanted).
 ws_framed ws_session_frame(ws_session& s, uint8_t opcode, std::span<const uint8_t> payload);
 // A close frame with `code` and `reason`; WS_CLOSE_NO_STATUS gives an empty

@@ -2,6 +2,7 @@
 #include "ws_message.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -193,7 +194,8 @@ ws_framed ws_session_frame(ws_session& s, uint8_t opcode, std::span<const uint8_
     if (opcode != ws_opcode::TEXT && opcode != ws_opcode::BINARY && opcode != ws_opcode::PING &&
         opcode != ws_opcode::PONG)
         return {{}, ws_send_error::bad_opcode};
-    if (is_control_opcode(opcode) && payload.size() > WS_CONTROL_MAX)
+    const std::size_t bound = is_control_opcode(opcode) ? WS_CONTROL_MAX : SIZE_MAX - WS_HEADER_MAX;
+    if (payload.size() > bound)
         return {{}, ws_send_error::too_long};
     if (!is_control_opcode(opcode) && (s.close_bits & WS_CLOSE_SENT))
         return {{}, ws_send_error::after_close};
