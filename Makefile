@@ -112,6 +112,7 @@ bench: deps
 	$(BENCH_BUILD)/bench/ws_client_bench
 	$(BENCH_BUILD)/bench/udp_roundtrip_bench
 	$(BENCH_BUILD)/bench/chunked_bench
+	$(BENCH_BUILD)/bench/ws_codec_bench
 	$(BENCH_BUILD)/bench/tcp_roundtrip_bench
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so" LUA_PATH="$(CURDIR)/src/?.lua;;" \
