@@ -5,6 +5,7 @@
 #include <netdb.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -57,16 +58,15 @@ long ms_until(const timespec& deadline) {
 
 // Keeps an address of either family with the query's port, once.
 void keep(resolve_query& query, const sockaddr* address, socklen_t length) {
-    if (length > sizeof(sockaddr_storage) || query.count == RESOLVE_MAX_ADDRESSES)
+    static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port));
+    const bool known = (address->sa_family == AF_INET && length == sizeof(sockaddr_in)) ||
+                       (address->sa_family == AF_INET6 && length == sizeof(sockaddr_in6));
+    if (!known || query.count == RESOLVE_MAX_ADDRESSES)
         return;
     resolved_address kept{{}, length};
+    const uint16_t port = htons(query.port);
     std::memcpy(&kept.address, address, length);
-    if (kept.address.ss_family == AF_INET && length >= sizeof(sockaddr_in))
-        reinterpret_cast<sockaddr_in&>(kept.address).sin_port = htons(query.port);
-    else if (kept.address.ss_family == AF_INET6 && length >= sizeof(sockaddr_in6))
-        reinterpret_cast<sockaddr_in6&>(kept.address).sin6_port = htons(query.port);
-    else
-        return;
+    std::memcpy(reinterpret_cast<char*>(&kept.address) + offsetof(sockaddr_in, sin_port), &port, sizeof port);
     for (std::size_t i = 0; i < query.count; ++i)
         if (query.addresses[i].length == length && std::memcmp(&query.addresses[i].address, &kept.address, length) == 0)
             return;
