@@ -4,7 +4,6 @@
 
 #include <netinet/in.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -54,21 +53,6 @@ struct certificates {
     std::filesystem::path dir;
     certificates();
     ~certificates();
-};
-
-// A DNS server on 127.0.0.1 (UDP, run-time port): A and AAAA queries for
-// `name` get the `addresses` of that family, each `delay` after it came
-// (negative: never); other names get "no such name". Until destroyed, 30 s
-// at most. server() is the value for WS_CLIENT_DNS_SERVER.
-struct dns_peer {
-    dns_peer(std::string name, std::vector<std::string> addresses, std::chrono::milliseconds delay = 0ms);
-    ~dns_peer();
-    std::string server() const { return "127.0.0.1:" + std::to_string(port); }
-
-    int fd = -1;
-    uint16_t port = 0;
-    std::atomic<bool> stop = false;
-    std::thread thread;
 };
 
 }  // namespace peers
