@@ -46,16 +46,6 @@ void fail(resolve_query& query, failure why) {
     query.count = 0;
 }
 
-// Rounded up, so that a wait of this long reaches the deadline; 0 once it has
-// passed (or when the clock cannot be read).
-long ms_until(const timespec& deadline) {
-    timespec now{};
-    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0)
-        return 0;
-    const long long left = (deadline.tv_sec - now.tv_sec) * 1000000000LL + (deadline.tv_nsec - now.tv_nsec);
-    return left <= 0 ? 0 : static_cast<long>((left + 999999) / 1000000);
-}
-
 // Keeps an address of either family with the query's port, once.
 void keep(resolve_query& query, const sockaddr* address, socklen_t length) {
     static_assert(offsetof(sockaddr_in, sin_port) == offsetof(sockaddr_in6, sin6_port));
@@ -115,6 +105,16 @@ namespace {
 // per try; c-ares doubles it for each round of tries, the deadline cuts it short
 constexpr int try_timeout_ms = 2000;
 constexpr int tries = 3;
+
+// Rounded up, so that a wait of this long reaches the deadline; 0 once it has
+// passed (or when the clock cannot be read).
+long ms_until(const timespec& deadline) {
+    timespec now{};
+    if (clock_gettime(CLOCK_MONOTONIC, &now) != 0)
+        return 0;
+    const long long left = (deadline.tv_sec - now.tv_sec) * 1000000000LL + (deadline.tv_nsec - now.tv_nsec);
+    return left <= 0 ? 0 : static_cast<long>((left + 999999) / 1000000);
+}
 
 ares_channel channel_of(const resolve_query& query) { return static_cast<ares_channel>(query.channel); }
 
