@@ -37,7 +37,7 @@ constexpr struct {
 };
 static_assert(std::size(failures) == static_cast<std::size_t>(failure::other) + 1);
 
-constexpr std::size_t longest_name = 253;
+constexpr std::size_t longest_name = 253;  // without the root's dot
 
 void fail(resolve_query& query, failure why) {
     query.state = resolve_state::failed;
@@ -205,7 +205,8 @@ const char* resolve_backend() { return "c-ares"; }
 bool resolve_watch(const resolve_query& query, select_set& readers, select_set& writers, int* highest) {
     for (std::size_t i = 0; i < query.socket_count; ++i) {
         const auto& socket = query.sockets[i];
-        if ((socket.read && !select_set_add(readers, socket.fd)) || (socket.write && !select_set_add(writers, socket.fd)))
+        if ((socket.read && !select_set_add(readers, socket.fd)) ||
+            (socket.write && !select_set_add(writers, socket.fd)))
             return false;
         if (socket.fd > *highest)
             *highest = socket.fd;
@@ -316,7 +317,8 @@ resolve_query* resolve_start(const char* name, uint16_t port, int timeout_ms) {
     if (length != 0) {
         keep(*query, reinterpret_cast<const sockaddr*>(&literal), length);
         finish(*query);
-    } else if (name[0] == '\0' || std::strlen(name) > longest_name) {
+    } else if (const std::size_t length = std::strlen(name);
+               length == 0 || length - (name[length - 1] == '.') > longest_name) {
         fail(*query, failure::bad_name);
     } else {
         start_query(*query, name);

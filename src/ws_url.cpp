@@ -29,17 +29,14 @@ struct text_writer {
             std::memcpy(room.data() + used, piece.data(), piece.size());
             used += piece.size();
         }
-        if (used >= room.size())
-            return nullptr;
-        room[used++] = '\0';
+        room[used++] = '\0';  // each piece left room for it
         return room.data() + start;
     }
 };
 
 bool has_scheme(std::string_view url, std::string_view scheme) {
-    return url.size() >= scheme.size() && std::equal(scheme.begin(), scheme.end(), url.begin(), [](char want, char got) {
-               return want == (got >= 'A' && got <= 'Z' ? got - 'A' + 'a' : got);
-           });
+    const auto same = [](char want, char got) { return want == (got >= 'A' && got <= 'Z' ? got - 'A' + 'a' : got); };
+    return url.size() >= scheme.size() && std::equal(scheme.begin(), scheme.end(), url.begin(), same);
 }
 
 bool is_name_char(char c) {
