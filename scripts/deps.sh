@@ -11,10 +11,12 @@ demo_packages=(
   libssl-dev openssl
   python3 python3-websockets
 )
-# `make test` adds the other interpreters, the test and fuzzing tools, luarocks.
+# `make test` adds the other interpreters, the test and fuzzing tools, luarocks,
+# c-ares (host names resolved in the loop).
 packages=(
   lua5.2 liblua5.2-dev lua5.3 liblua5.3-dev lua5.4 liblua5.4-dev luajit libluajit-5.1-dev
   libmbedtls-dev libwolfssl-dev
+  libc-ares-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   luarocks
