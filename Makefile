@@ -70,6 +70,12 @@ test-tls: deps
 test-mbedtls36: deps
 	@JOBS=$(JOBS) scripts/test_mbedtls36.sh build-mbedtls36
 
+# The module on musl with mbedTLS 3.6, script-level tests under a musl lua5.1
+# (musl-tools; Lua and mbedTLS built from Debian's sources into
+# build-musl/root once).
+test-musl: deps
+	@JOBS=$(JOBS) scripts/test_musl.sh build-musl
+
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
 dist:
