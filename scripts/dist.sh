@@ -20,6 +20,6 @@ name="ws_client-$version"
 (cd "$root" && git show HEAD:CHANGELOG.md) | grep -q "^## $version\b" ||
   { echo "CHANGELOG.md has no '## $version' entry" >&2; exit 1; }
 (cd "$root" && git diff --quiet HEAD -- .) || echo "dist.sh: uncommitted changes are left out of the tarball" >&2
-(cd "$root" && git archive --format=tar --prefix="$name/" HEAD) | gzip -n -9 >"$out/$name.tar.gz"
+(cd "$root" && git -c tar.umask=0022 archive --format=tar --prefix="$name/" HEAD) | gzip -n -9 >"$out/$name.tar.gz"
 echo "$out/$name.tar.gz"
 "$root/scripts/rockspec.sh" -r "$version" "$url_base/$name.tar.gz" "$out"
