@@ -12,7 +12,7 @@ LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
 # OpenSSL is the default.
 OTHER_TLS  ?= mbedtls wolfssl
 
-.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-mbedtls36 test-musl test-cross cross bench footprint dist mutants clean
+.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-mbedtls36 test-musl test-debian test-openwrt test-cross cross bench footprint dist mutants clean
 
 deps:
 	@scripts/deps.sh
@@ -75,6 +75,11 @@ test-mbedtls36: deps
 # build-musl/root once).
 test-musl: deps
 	@JOBS=$(JOBS) scripts/test_musl.sh build-musl
+
+# The Debian recipe (debian/): binary packages built from a copy of the
+# tracked files, unpacked into a throwaway root and loaded by every Lua.
+test-debian:
+	@JOBS=$(JOBS) tests/debian_test.sh .
 
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
