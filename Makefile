@@ -81,6 +81,13 @@ test-musl: deps
 test-debian:
 	@JOBS=$(JOBS) tests/debian_test.sh .
 
+# The OpenWrt recipe (packaging/openwrt/ws-client) run as that build system
+# would, cross-built for arm64 on mbedTLS 3.6 (build-openwrt/, the arm64
+# sysroot shared with make cross), its package checked and loaded under qemu.
+test-openwrt:
+	@scripts/deps.sh cross
+	@JOBS=$(JOBS) scripts/test_openwrt.sh build-openwrt
+
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
 dist:
@@ -146,4 +153,4 @@ footprint: deps
 	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants build-mbedtls36 build-musl
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants build-mbedtls36 build-musl build-openwrt
