@@ -79,7 +79,7 @@ test-musl: deps
 # The Debian recipe (debian/): binary packages built from a copy of the
 # tracked files, unpacked into a throwaway root and loaded by every Lua.
 test-debian:
-	@JOBS=$(JOBS) tests/debian_test.sh .
+	@JOBS=$(JOBS) scripts/test_debian.sh build-debian
 
 # The OpenWrt recipe (packaging/openwrt/ws-client) run as that build system
 # would, cross-built for arm64 on mbedTLS 3.6 (build-openwrt/, the arm64
@@ -153,4 +153,4 @@ footprint: deps
 	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants build-mbedtls36 build-musl build-openwrt
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants build-mbedtls36 build-musl build-openwrt build-debian
