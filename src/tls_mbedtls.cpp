@@ -84,7 +84,8 @@ random_source* shared_random = nullptr;
 #if MBEDTLS_VERSION_MAJOR >= 3
 // TLS 1.3 runs its key exchange through PSA, which has a generator of its
 // own: set up once, and again in a forked child so that it never repeats the
-// parent's numbers.
+// parent's numbers (3.6.1 sets PSA up in the handshake, 3.6.6 reseeds it
+// after a fork: 3.6.0 does neither).
 int start_crypto(bool forked) {
     if (forked)
         mbedtls_psa_crypto_free();
@@ -97,7 +98,8 @@ int check_pair(const mbedtls_pk_context* public_key, const mbedtls_pk_context* k
     return mbedtls_pk_check_pair(public_key, key, mbedtls_ctr_drbg_random, &shared_random->drbg);
 }
 // A TLS 1.3 server may send a ticket at any time after the handshake; the
-// read that met it has nothing for the caller yet and is made again.
+// read that met it has nothing for the caller yet and is made again (3.6.0
+// reports tickets; later versions drop them unless asked to).
 bool read_again(int code) { return code == MBEDTLS_ERR_SSL_RECEIVED_NEW_SESSION_TICKET; }
 #else
 int start_crypto(bool) { return 0; }
