@@ -78,7 +78,7 @@ test-musl: deps
 
 # The Debian recipe (debian/): binary packages built from a copy of the
 # tracked files, unpacked into a throwaway root and loaded by every Lua.
-test-debian:
+test-debian: deps
 	@JOBS=$(JOBS) scripts/test_debian.sh build-debian
 
 # The OpenWrt recipe (packaging/openwrt/ws-client) run as that build system
@@ -86,7 +86,7 @@ test-debian:
 # sysroot shared with make cross), its package checked and loaded under qemu.
 test-openwrt:
 	@scripts/deps.sh cross
-	@JOBS=$(JOBS) scripts/test_openwrt.sh build-openwrt
+	@JOBS=$(JOBS) ARM64_SYSROOT=$(CROSS_BUILD)/sysroot-arm64 scripts/test_openwrt.sh build-openwrt
 
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).

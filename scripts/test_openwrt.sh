@@ -6,7 +6,8 @@
 # laid out as OpenWrt's (Debian 13's arm64 mbedTLS 3.6 and Lua 5.1 headers,
 # scripts/debian_root.sh), the source from `make dist` (the commit checked
 # out). The package's files are checked, and the module is loaded by
-# Debian's arm64 lua5.1 under qemu-user (the arm64 sysroot of make cross).
+# Debian's arm64 lua5.1 under qemu-user (the arm64 sysroot of make cross,
+# ARM64_SYSROOT, default build-cross/sysroot-arm64).
 #   test_openwrt.sh BUILD_DIR
 # One line like every make test group; the counts in BUILD_DIR/test-counts.
 set -uo pipefail
@@ -19,7 +20,7 @@ fail() { echo "openwrt: $1 ($log)"; echo "0 1" >"$dir/test-counts"; exit 1; }
 debian="$dir/trixie-arm64"
 "$root/scripts/debian_root.sh" trixie arm64 "$debian" libmbedtls-dev libmbedtls21 libmbedx509-7 libmbedcrypto16 \
   liblua5.1-0-dev >>"$log" 2>&1 || fail "Debian 13 arm64 packages cannot be had"
-sysroot="$root/build-cross/sysroot-arm64"
+sysroot="${ARM64_SYSROOT:-$root/build-cross/sysroot-arm64}"
 "$root/scripts/sysroot.sh" arm64 "$sysroot" >>"$log" 2>&1 || fail "the arm64 sysroot cannot be made"
 
 # OpenWrt's staging directory: headers and libraries straight under usr/.
