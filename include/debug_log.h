@@ -18,9 +18,12 @@ void debug_log_write(const char* unit, const char* function, int line, const cha
 // shows) before using it; `function` is the name the line shows (__func__
 // unless a helper logs for the procedure it serves). The message carries its
 // own line end, as each log site's text does.
-#define WS_LOG_AS(function, ...)                                          \
+#define WS_LOG_IN(unit, function, ...)                                    \
     do {                                                                  \
         if (debug_log_enabled())                                          \
-            debug_log_write(LOG_UNIT, function, __LINE__, __VA_ARGS__);   \
+            debug_log_write(unit, function, __LINE__, __VA_ARGS__);       \
     } while (0)
+// A line that shows another unit's name: code moved out of the unit whose
+// name its lines have always shown.
+#define WS_LOG_AS(function, ...) WS_LOG_IN(LOG_UNIT, function, __VA_ARGS__)
 #define WS_LOG(...) WS_LOG_AS(__func__, __VA_ARGS__)

@@ -14,6 +14,14 @@ char* get_ip(const char* host, std::span<char> ip);
 int set_nonblocking(int fd);
 int deactivate_nonblock(int fd);
 
+// A connect on a non-blocking descriptor, in two halves: connect_start gives
+// 0 connected at once, 1 under way (wait for the descriptor to become
+// writable, then call connect_finished), -1 failed (errno);
+// connect_finished gives 0 connected, or -1 with errno set to the socket's
+// pending error (SO_ERROR).
+int connect_start(int fd, const sockaddr_in* address);
+int connect_finished(int fd);
+
 // connect() that gives up after timeout_sec seconds (0: plain connect on the
 // descriptor as it is). 0 connected, -1 failed with errno telling why
 // (ETIMEDOUT on time-out). The blocking mode is restored on every path.

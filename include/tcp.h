@@ -21,6 +21,12 @@ tcp_record* tcp_init(lua_State* L, tcp_record* record);
 // The record's object must be on the stack: it is kept alive through the
 // callbacks from there.
 int do_tcp_connect(lua_State* L, tcp_record* record);
+// The tail of a connect that succeeded (object at 1): enters the descriptor
+// in the socket table, marks the record open, registers the object, calls
+// on_open and pushes what is registered then; nil with on_error when the
+// table is full (the descriptor is closed; the record keeps its number and
+// status). Results pushed.
+int tcp_opened(lua_State* L, tcp_record* record);
 // Frees the TLS session, closes the descriptor, marks the registered object
 // closed and calls on_close(reason). The record's object must be on the
 // stack (or otherwise reachable until this returns).

@@ -43,8 +43,14 @@ int tls_session_send_name(tls_session* session, const char* name);
 // DNS names, wildcards as RFC 6125 allows; the common name only when it has
 // none). A mismatch fails the handshake. 0 or -1.
 int tls_session_expect_identity(tls_session* session, const char* identity);
-// The client handshake on the (blocking) descriptor; 0 or -1.
-int tls_session_connect(tls_session* session);
+// One step of the client handshake: done; or the descriptor must become
+// readable / writable before the next step (a non-blocking descriptor; on a
+// blocking one the library waited itself, and a want means the wait was cut
+// short: a signal, or the io_timeout bound); or failed. On failure errno is
+// the socket's when the socket failed (or its bound ran out: EAGAIN), else
+// what the library left, 0 where OpenSSL would leave 0.
+enum class tls_progress : unsigned char { done, want_read, want_write, failed };
+tls_progress tls_session_step(tls_session* session);
 // Frees the session. No close-notify is sent: the peer learns from the
 // descriptor, which the caller closes.
 void tls_session_free(tls_session* session);

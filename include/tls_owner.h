@@ -32,6 +32,16 @@ tls_session* live_session(const Record& record) {
     return tls_live(record.tls_serial) ? record.ssl : nullptr;
 }
 
+// The session a record's stream goes through: null for a plain record (true);
+// for a secure one its live session, or false when it is gone (released
+// through another copy). Sets no errno: each caller says what a gone session
+// means to it.
+template <typename Record>
+bool record_stream(const Record& record, tls_session** tls) {
+    *tls = record.is_secure == 1 ? live_session(record) : nullptr;
+    return record.is_secure != 1 || *tls != nullptr;
+}
+
 // Frees what the record's serial owns (once, whichever copy comes first)
 // and clears the record's handles.
 template <typename Record>
@@ -72,3 +82,7 @@ int wss_ssl_init(ws_record* record);
 int wss_ssl_connect(ws_record* record, const char* host);
 int tcp_ssl_init(tcp_record* record);
 int tcp_ssl_connect(tcp_record* record);
+// Connect without the handshake, for a caller that steps it itself
+// (tls_session_step on the record's live session). 0 or -1.
+int wss_ssl_begin(ws_record* record, const char* host);
+int tcp_ssl_begin(tcp_record* record);

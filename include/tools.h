@@ -1,10 +1,12 @@
-// Registry lookups shared by the socket kinds, the kind of a descriptor, and
-// the close by descriptor.
+// Registry lookups shared by the socket kinds, object checks, record blocks
+// and the kind of a descriptor. Includes no kind's header.
 #pragma once
 
 #include "lua_api.h"
 
 #include <cstdint>
+#include <cstring>
+#include <type_traits>
 
 #include "ws_client.h"
 
@@ -48,7 +50,34 @@ constexpr int32_t number_to_int32(double value) {
 // indexing error; `type` missing or not a number: an argument error.
 int32_t get_sock_type(lua_State* L, int32_t fd);
 
+// The record registered for fd when fd's options table names a kind and the
+// registered block carries that kind's metatable (its kind in *kind); null
+// otherwise. Leaves the options table, its `type` and the registered value
+// on the stack; raises as get_sock_type does.
+void* registered_record(lua_State* L, int32_t fd, int32_t* kind);
+
 // Closes the socket registered for fd through its kind's close, which calls
 // on_close(reason). Unknown kinds, and objects that are not of the kind the
-// options table names, are left alone.
+// options table names, are left alone. (Defined with the kinds table.)
 void do_close(lua_State* L, int32_t fd, const char* reason);
+
+// ---- objects ----
+
+ws_record* check_ws_client(lua_State* L, int index);
+udp_record* check_udp_client(lua_State* L, int index);
+tcp_record* check_tcp_client(lua_State* L, int index);
+
+// Debugging hook called at interesting points; intentionally empty.
+void stackDump(lua_State* L);
+
+// Pushes a new user data block with `metatable`, zero-filled.
+void* new_record_block(lua_State* L, std::size_t size, const char* metatable);
+
+// Pushes a new object holding a byte-for-byte copy of `record`.
+template <typename Record>
+Record* push_record_copy(lua_State* L, const Record& record, const char* metatable) {
+    static_assert(std::is_trivially_copyable_v<Record>);
+    auto* copy = static_cast<Record*>(new_record_block(L, sizeof(Record), metatable));
+    std::memcpy(copy, &record, sizeof(Record));
+    return copy;
+}

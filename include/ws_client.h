@@ -39,6 +39,9 @@ constexpr std::size_t TEXT_FIELD_SIZE = 200;
 constexpr const char* METATABLE_WS = "{SOCKET_WS}";
 constexpr const char* METATABLE_UDP = "{SOCKET_UDP}";
 constexpr const char* METATABLE_TCP = "{SOCKET_TCP}";
+// indexed by kind code
+constexpr const char* KIND_METATABLES[] = {METATABLE_WS, METATABLE_TCP, METATABLE_UDP};
+static_assert(sizeof KIND_METATABLES / sizeof KIND_METATABLES[0] == SOCK_TYPE_UDP + 1);
 
 // Opt-in protections of a stream socket, read from options keys the
 // design does not use (cafile, capath, servername, io_timeout). All zero,

@@ -29,6 +29,13 @@ ws_record* ws_init(lua_State* L, ws_record* ws, int unused);
 // stack (callbacks.cpp).
 int do_new_connect(lua_State* L, ws_record* ws);
 
+// The tail of a connect that succeeded: enters the descriptor in the socket
+// table, registers a copy taken while connecting (the loop's), calls on_open,
+// marks the record open and pushes a copy of it; nil with on_error when the
+// table is full (the descriptor is closed, nothing else undone). Results
+// pushed.
+int ws_opened(lua_State* L, ws_record* ws);
+
 // Releases TLS state (once, whichever copy comes first), takes the descriptor
 // out of the socket table when `ws` is open, closes it, marks the registered
 // record closed and calls on_close(reason); then sets ws->sockfd to -1.

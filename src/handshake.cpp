@@ -1,16 +1,12 @@
 // WebSocket opening handshake: key, expected accept, request, answer check.
 #include "handshake.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
 #include <ctime>
-
-#include "fdset.h"
-#include "tls_owner.h"
-#include "transport.h"
+#include <string_view>
 
 #ifdef lua_h
 #error "the handshake must stay free of the interpreter"
@@ -23,17 +19,9 @@ namespace {
 constexpr const char* kGuid = "258EAFA5-E914-47DA-95CA-C5AB0DC85B11";
 constexpr const char* kStatusPrefix = "HTTP/1.1 101";
 constexpr const char* kAcceptHeader = "Sec-WebSocket-Accept";
-constexpr long kAnswerWaitSeconds = 5;
-constexpr std::size_t kAnswerCapacity = 1048576;
 constexpr const char* kRequestTemplate =
     "GET %s HTTP/1.1\r\nHost: %s\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
     "Sec-WebSocket-Key: %s\r\nSec-WebSocket-Protocol: echo\r\nSec-WebSocket-Version: 13\r\n\r\n";
-// Host and path are record-sized texts, so the request always fits.
-constexpr std::size_t kRequestCapacity = 1024;
-
-// One read buffer for every handshake.
-char answer[kAnswerCapacity];
-
 // ---- SHA-1 ----
 
 struct sha1_state {
@@ -118,13 +106,6 @@ void sha1_end(sha1_state& state, uint8_t* digest) {
             digest[4 * i + j] = static_cast<uint8_t>(state.h[i] >> (24 - 8 * j));
 }
 
-// The record's TLS session for the exchange; false for a secure record whose
-// session is gone.
-bool stream_session(const ws_record& ws, tls_session** tls) {
-    *tls = ws.is_secure == 1 ? live_session(ws) : nullptr;
-    return ws.is_secure != 1 || *tls != nullptr;
-}
-
 }  // namespace
 
 void sha1(const void* data, std::size_t length, uint8_t (&digest)[SHA1_SIZE]) {
@@ -183,51 +164,52 @@ int format_handshake_request(std::span<char> out, const char* path, const char* 
     return length;
 }
 
-int check_ws_accept(const ws_record* ws, const char* answer) {
-    const char* header = std::strstr(answer, kAcceptHeader);
-    WS_LOG("ws_accept is %s\n", header != nullptr ? header : "(null)");
-    if (header == nullptr || ws->sec_ws_accept[0] == '\0')
-        return -1;  // nothing to search from, or nothing to search for: a mismatch
-    return std::strstr(header, ws->sec_ws_accept) != nullptr ? 0 : -1;
+bool answer_status_ok(std::span<const char> got) {
+    const std::string_view status(kStatusPrefix);
+    return got.size() >= status.size() && std::string_view(got.data(), status.size()) == status;
 }
 
-int handshake_result(ws_record* ws) {
-    timeval wait{kAnswerWaitSeconds, 0};
-    const int ready = select_single(ws->sockfd, wait_for::read, &wait);
-    if (ready <= 0)
-        return -1;
-    // with the descriptor alone in the set, a positive count means readable
-    tls_session* tls = nullptr;
-    const long nread = stream_session(*ws, &tls) ? stream_read(ws->sockfd, tls, answer, kAnswerCapacity - 1) : -1;
-    // a failed read counts as an empty answer; the checks below then refuse it
-    answer[nread > 0 ? nread : 0] = '\0';
-    WS_LOG("handshake_result is:\n%s\n", answer);
-    if (nread == 0 || (nread == -1 && errno != EINTR && errno != EAGAIN)) {
-        WS_LOG("handshake_result nread is %d\n", static_cast<int>(nread));
-        return -1;
+namespace {
+
+// Where `pattern` ends in text[from, to), or 0.
+std::size_t find_end(std::string_view text, std::size_t from, std::string_view pattern) {
+    const std::size_t at = text.find(pattern, from);
+    return at == std::string_view::npos ? 0 : at + pattern.size();
+}
+
+// Moves the scan over the new part of `text` (the bytes before any zero).
+void scan_text(std::string_view text, const char* expected, answer_scan& scan) {
+    const std::string_view name(kAcceptHeader), value(expected), blank("\r\n\r\n");
+    // patterns cut by the previous end are looked for again from their start
+    auto back = [&](std::size_t length) { return scan.checked > length ? scan.checked - length : 0; };
+    if (scan.name_at == 0)
+        if (const std::size_t end = find_end(text, back(name.size() - 1), name))
+            scan.name_at = end - name.size() + 1;
+    if (scan.name_at != 0 && scan.value_end == 0 && !value.empty())
+        scan.value_end = find_end(text, std::max(scan.name_at - 1, back(value.size() - 1)), value);
+    if (scan.block_end == 0)
+        scan.block_end = find_end(text, back(blank.size() - 1), blank);
+    scan.checked = text.size();
+}
+
+}  // namespace
+
+answer_check check_upgrade_answer(std::span<const char> got, const char* expected_accept, answer_scan& scan) {
+    const std::string_view status(kStatusPrefix);
+    const std::size_t head = std::min(got.size(), status.size());
+    if (std::string_view(got.data(), head) != status.substr(0, head))
+        return {answer_verdict::refused, 0};
+    if (scan.text_end == 0) {
+        const void* zero = std::memchr(got.data() + scan.checked, 0, got.size() - scan.checked);
+        const std::size_t end = zero != nullptr ? static_cast<std::size_t>(static_cast<const char*>(zero) - got.data())
+                                                : got.size();
+        scan_text(std::string_view(got.data(), end), expected_accept, scan);
+        if (zero != nullptr)
+            scan.text_end = end + 1;  // + 1: a zero at 0 is seen too
     }
-    // the prefix holds no zero byte: comparing past the answer's end cannot match
-    if (std::memcmp(answer, kStatusPrefix, std::strlen(kStatusPrefix)) != 0)
-        return -1;
-    if (check_ws_accept(ws, answer) != 0)
-        return -1;
-    WS_LOG("handshake_result is:\n%s\n", answer);
-    return 1;
-}
-
-int do_handshake(ws_record* ws, const char* host, const char* path) {
-    sec_websocket_key(ws->sec_ws_key);
-    sec_websocket_accept(ws->sec_ws_key, ws->sec_ws_accept);
-    WS_LOG("sec_ws_accept is %s\n", ws->sec_ws_accept);
-    char request[kRequestCapacity];
-    const int length = format_handshake_request(request, path, host, ws->sec_ws_key);
-    if (length < 0)
-        return -1;
-    WS_LOG("handshake str is\n%s\n", request);
-    tls_session* tls = nullptr;
-    if (!stream_session(*ws, &tls) || stream_write(ws->sockfd, tls, request, static_cast<std::size_t>(length)) == -1)
-        return -1;
-    const int result = handshake_result(ws);
-    WS_LOG("handshake result is %d\n", result);
-    return result;
+    if (scan.block_end == 0)
+        return {scan.text_end != 0 ? answer_verdict::refused : answer_verdict::needs_more, 0};
+    if (scan.value_end == 0 || scan.value_end > scan.block_end)
+        return {answer_verdict::refused, 0};
+    return {answer_verdict::complete, scan.block_end};
 }

@@ -1,5 +1,5 @@
-// The module's face towards the interpreter: entry point, function table,
-// object checks, options readers, the socket table and the script bindings.
+// The module's face towards the interpreter: entry point, function table and
+// the script bindings.
 #include "luacli.h"
 
 #include <unistd.h>
@@ -12,136 +12,14 @@
 
 #include "callbacks.h"
 #include "main_loop.h"
+#include "options.h"
+#include "socket_table.h"
 #include "tcp.h"
 #include "tools.h"
 #include "udp.h"
 #include "ws_connect.h"
 
 #define LOG_UNIT "luacli"
-
-// ---- socket table ----
-
-int32_t socktbl[SOCKET_TABLE_SIZE] = {};
-
-int sock_add(int32_t fd) {
-    for (int i = 0; i < SOCKET_TABLE_SIZE; ++i) {
-        if (socktbl[i] == 0 || socktbl[i] == fd) {
-            socktbl[i] = fd;
-            return i;
-        }
-    }
-    return -1;
-}
-
-int sock_rem(int32_t fd) {
-    bool found = false;
-    for (int i = 0; i < SOCKET_TABLE_SIZE; ++i) {
-        if (socktbl[i] == fd) {
-            socktbl[i] = 0;
-            found = true;
-        }
-        if (found && i < SOCKET_TABLE_SIZE - 1) {  // close the gap
-            socktbl[i] = socktbl[i + 1];
-            socktbl[i + 1] = 0;
-        }
-        if (socktbl[i] == 0)
-            break;
-    }
-    return found ? 1 : -1;
-}
-
-// ---- object checks and options readers ----
-
-ws_record* check_ws_client(lua_State* L, int index) {
-    void* block = luaL_checkudata(L, index, METATABLE_WS);
-    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_WS' expected`");
-    return static_cast<ws_record*>(block);
-}
-
-udp_record* check_udp_client(lua_State* L, int index) {
-    void* block = luaL_checkudata(L, index, METATABLE_UDP);
-    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_UDP' expected`");
-    return static_cast<udp_record*>(block);
-}
-
-tcp_record* check_tcp_client(lua_State* L, int index) {
-    void* block = luaL_checkudata(L, index, METATABLE_TCP);
-    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_TCP' expected`");
-    return static_cast<tcp_record*>(block);
-}
-
-// A field of the wrong type (nil when missing): an argument error against the
-// options table (just below the value) that names the field.
-static void field_error(lua_State* L, const char* key, const char* expected) {
-    const char* got = luaL_typename(L, -1);
-    const int table = lua_gettop(L) - 1;
-    luaL_argerror(L, table, lua_pushfstring(L, "field '%s': %s expected, got %s", key, expected, got));
-}
-
-void get_tbl_str(lua_State* L, int index, const char* key, char (&dst)[TEXT_FIELD_SIZE]) {
-    lua_pushstring(L, key);
-    lua_gettable(L, index);
-    if (!lua_isstring(L, -1))  // numbers pass: the check converts them
-        field_error(L, key, "string");
-    const char* text = luaL_checklstring(L, -1, nullptr);
-    const std::size_t length = std::strlen(text);  // copies stop at a zero byte
-    if (length >= TEXT_FIELD_SIZE) {
-        const int table = lua_gettop(L) - 1;
-        luaL_argerror(L, table,
-                      lua_pushfstring(L, "field '%s' is longer than %d characters", key,
-                                      static_cast<int>(TEXT_FIELD_SIZE - 1)));
-    }
-    std::memcpy(dst, text, length + 1);
-    lua_pop(L, 1);
-}
-
-void get_tbl_num(lua_State* L, int index, const char* key, int32_t* out) {
-    lua_pushstring(L, key);
-    lua_gettable(L, index);
-    if (!lua_isnumber(L, -1))  // numeric texts pass: the check converts them
-        field_error(L, key, "number");
-    *out = number_to_int32(luaL_checknumber(L, -1));  // as 5.1 reads it on every version
-    lua_pop(L, 1);
-}
-
-// The opt-in keys of a stream socket, from the options table on top: a
-// missing key leaves its protection off; a present one must have the right
-// type (and io_timeout be 0 or more) or raises as above.
-static void read_guard(lua_State* L, stream_guard& guard) {
-    guard = {};
-    for (auto [key, field] : {std::pair{"cafile", &guard.cafile}, std::pair{"capath", &guard.capath},
-                              std::pair{"servername", &guard.servername}}) {
-        lua_getfield(L, -1, key);
-        const bool absent = lua_isnil(L, -1);
-        lua_pop(L, 1);
-        if (!absent)
-            get_tbl_str(L, -2, key, *field);
-    }
-    lua_getfield(L, -1, "io_timeout");
-    if (!lua_isnil(L, -1)) {
-        if (!lua_isnumber(L, -1))
-            field_error(L, "io_timeout", "number");
-        guard.io_timeout = lua_tonumber(L, -1);
-        if (!(guard.io_timeout >= 0))  // NaN too
-            luaL_argerror(L, lua_gettop(L) - 1,
-                          lua_pushfstring(L, "field 'io_timeout': 0 or more seconds expected, got %f",
-                                          static_cast<double>(guard.io_timeout)));
-    }
-    lua_pop(L, 1);
-    if (guard.cafile[0] != '\0' || guard.capath[0] != '\0' || guard.servername[0] != '\0' || guard.io_timeout > 0)
-        WS_LOG("cafile '%s' capath '%s' servername '%s' io_timeout %g\n", guard.cafile, guard.capath,
-               guard.servername, guard.io_timeout);
-}
-
-void stackDump(lua_State*) {}
-
-void* new_record_block(lua_State* L, std::size_t size, const char* metatable) {
-    void* block = lua_newuserdata(L, size);
-    std::memset(block, 0, size);
-    luaL_getmetatable(L, metatable);
-    lua_setmetatable(L, -2);
-    return block;
-}
 
 // ---- WebSocket ----
 
@@ -179,21 +57,7 @@ static int ws_connect(lua_State* L) {
     lua_settop(L, 1);
     if (do_new_connect(L, record) == -1)
         return 0;
-    if (sock_add(fd) == -1) {
-        error_callback(L, fd, errno, "socktbl is full now!");
-        close(fd);
-        lua_pushnil(L);
-        return 1;
-    }
-    // The loop and the receive path use this copy, taken while connecting.
-    push_record_copy(L, *record, METATABLE_WS);
-    registry_store_top(L, udata_key(fd));
-    WS_LOG("Will do on open\n");
-    connect_callback(L, fd);
-    record->status = WS_STATUS_OPEN;
-    WS_LOG("Connect callback out\n");
-    push_record_copy(L, *record, METATABLE_WS);
-    return 1;
+    return ws_opened(L, record);
 }
 
 static int ws_do_send(lua_State* L) {
@@ -346,23 +210,7 @@ static int tcp_connect(lua_State* L) {
         lua_pushnil(L);
         return 1;
     }
-    const int32_t fd = record->sockfd;
-    if (sock_add(fd) == -1) {
-        error_callback(L, fd, errno, "socktbl is full now");
-        if (close(fd) == -1)
-            WS_LOG("close %d: %s\n", fd, std::strerror(errno));
-        lua_pushnil(L);  // the record keeps its descriptor number and status
-        return 1;
-    }
-    record->status = TCP_STATUS_OPEN;
-    lua_settop(L, 1);
-    registry_store_top(L, udata_key(fd));
-    WS_LOG("Will do on open\n");
-    tcp_connect_callback(L, record);
-    WS_LOG("Connect callback out\n");
-    // on_open may have closed or replaced the object: return what is registered.
-    get_udata_by_sockfd(L, fd);
-    return 1;
+    return tcp_opened(L, record);
 }
 
 static int tcp_do_send(lua_State* L) {

@@ -8,11 +8,9 @@
 
 #include "callbacks.h"
 #include "fdset.h"
-#include "luacli.h"
-#include "tcp.h"
+#include "kinds.h"
+#include "socket_table.h"
 #include "tools.h"
-#include "udp.h"
-#include "ws_connect.h"
 
 #define LOG_UNIT "main_loop"
 // The loop's steps live in small helpers but log as the loop itself.
@@ -22,17 +20,6 @@ namespace {
 
 constexpr int32_t LOOP_STOP = 0;
 constexpr long TIMER_SLACK_USEC = 2000;
-
-// Receive paths of the stream kinds: the byte count, 0 when the peer closed,
-// or -1 with the error number stored through `error`. Null while the kind is
-// not part of the build: its readable descriptors are skipped.
-using stream_receive = int (*)(lua_State* L, int32_t fd, int* error);
-// Indexed by kind code; the WebSocket and TCP receive paths plug in here.
-constexpr stream_receive stream_receivers[] = {
-    ws_recv,  // SOCK_TYPE_WS
-    [](lua_State* L, int32_t fd, int* error) -> int { return tcp_recv(L, fd, error); },  // SOCK_TYPE_TCP
-};
-static_assert(SOCK_TYPE_WS == 0 && SOCK_TYPE_TCP == 1);
 
 // Read and error sets shared by every run; see `select_generation`.
 select_set read_fds{};
@@ -74,9 +61,9 @@ int fatal_sweep(lua_State* L) {
     return -1;
 }
 
-void receive_stream(lua_State* L, int32_t fd, stream_receive receive) {
+void receive_stream(lua_State* L, int32_t fd, const kind_ops& kind) {
     int error = 0;
-    const int received = receive(L, fd, &error);
+    const int received = kind.receive(L, fd, &error);
     const bool failed = received == 0 || (received == -1 && error != EINTR && error != EAGAIN);
     if (!failed)
         return;
@@ -88,14 +75,13 @@ void receive_stream(lua_State* L, int32_t fd, stream_receive receive) {
 
 void serve_readable(lua_State* L, int32_t fd) {
     WS_LOG_AS(LOOP, "Main select receive\n");
-    const int32_t kind = get_sock_type(L, fd);
-    if (kind == SOCK_TYPE_WS || kind == SOCK_TYPE_TCP) {
-        const stream_receive receive = stream_receivers[kind];
-        if (receive != nullptr)
-            receive_stream(L, fd, receive);
-    } else if (kind == SOCK_TYPE_UDP) {
-        WS_LOG_AS(LOOP, "will do udp recv\n");
-        udp_recv(L, fd);
+    const kind_ops* kind = kind_ops_of(get_sock_type(L, fd));
+    if (kind != nullptr && kind->failure_ends_connection) {
+        receive_stream(L, fd, *kind);
+    } else if (kind != nullptr) {
+        WS_LOG_AS(LOOP, "will do udp recv\n");  // a datagram's failure ends nothing
+        int error = 0;
+        kind->receive(L, fd, &error);
     }
     lua_settop(L, 0);  // the kind lookup leaves two values; keep the stack bounded
 }

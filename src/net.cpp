@@ -52,8 +52,29 @@ static int change_flags(int fd, bool nonblocking, const char* function) {
 int set_nonblocking(int fd) { return change_flags(fd, true, __func__); }
 int deactivate_nonblock(int fd) { return change_flags(fd, false, __func__); }
 
-// The outcome of a non-blocking connect that is under way.
-static int finish_connect(int fd, int32_t timeout_sec) {
+int connect_start(int fd, const sockaddr_in* address) {
+    if (connect(fd, reinterpret_cast<const sockaddr*>(address), sizeof(sockaddr_in)) == 0)
+        return 0;
+    return errno == EINPROGRESS ? 1 : -1;
+}
+
+int connect_finished(int fd) {
+    int pending = 0;
+    socklen_t length = sizeof pending;
+    // A failed getsockopt leaves `pending` 0 and counts as connected, on
+    // purpose: only a nonzero error word fails the connect.
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &length) < 0)
+        pending = 0;
+    if (pending != 0) {
+        errno = pending;
+        return -1;
+    }
+    return 0;
+}
+
+// Waits up to timeout_sec for a connect under way to settle; 0 or -1
+// (ETIMEDOUT when the time ran out).
+static int await_connect(int fd, int32_t timeout_sec) {
     timeval wait{timeout_sec, 0};
     int ready = 0;
     do {
@@ -67,28 +88,15 @@ static int finish_connect(int fd, int32_t timeout_sec) {
         WS_LOG_AS("connect_timeout", "select error\n");
         return -1;
     }
-    int result = 0;
-    int pending = 0;
-    socklen_t length = sizeof pending;
-    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &length) < 0)
-        result = -1;
-    // Overrides the getsockopt failure on purpose: a zero error word counts as
-    // connected.
-    if (pending != 0) {
-        errno = pending;
-        result = -1;
-    } else {
-        result = 0;
-    }
-    return result;
+    return 0;
 }
 
 int connect_timeout(int fd, const sockaddr_in* address, int32_t timeout_sec) {
     if (timeout_sec != 0 && set_nonblocking(fd) == -1)
         return -1;
-    int result = connect(fd, reinterpret_cast<const sockaddr*>(address), sizeof(sockaddr_in));
-    if (result < 0 && errno == EINPROGRESS)
-        result = finish_connect(fd, timeout_sec);
+    int result = connect_start(fd, address);
+    if (result == 1)
+        result = await_connect(fd, timeout_sec) == 0 ? connect_finished(fd) : -1;
     if (timeout_sec != 0 && deactivate_nonblock(fd) == -1)
         result = -1;
     return result;

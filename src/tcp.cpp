@@ -15,7 +15,9 @@
 
 #include "callbacks.h"
 #include "chunked.h"
-#include "luacli.h"
+#include "conn_table.h"
+#include "connect_machine.h"
+#include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
@@ -38,6 +40,22 @@ char decoded_body[TCP_RECV_BUFFER_SIZE];
 // errno as on_error left it). The record's object is on the caller's stack.
 void fail(lua_State* L, tcp_record* record, const char* message, const char* reason) {
     report_and_close(L, record->sockfd, message, reason, [&](const char* text) { tcp_do_close(L, record, text); });
+}
+
+constexpr connect_texts kTexts{"ssl_connect_fail", "ssl_connect_fail"};
+
+// The set-up before any phase: the TLS context and client certificate, the
+// address (dotted text only: a name is not resolved and gives all ones).
+connect_outcome prepare_connect(tcp_record* record, connect_state& c) {
+    if (record->is_secure == 1 && tcp_ssl_init(record) == -1)
+        return connect_failed("ssl init fail", "ssl init fail", nullptr, "ssl init fail\n");
+    c.address.sin_family = AF_INET;
+    c.address.sin_port = htons(static_cast<uint16_t>(record->port & 0xffff));
+    c.address.sin_addr.s_addr = inet_addr(record->ip);
+    c.fd = record->sockfd;
+    c.tcp = record;
+    c.texts = &kTexts;
+    return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
 }
 
 }  // namespace
@@ -69,29 +87,36 @@ tcp_record* tcp_init(lua_State*, tcp_record* record) {
 int do_tcp_connect(lua_State* L, tcp_record* record) {
     WS_LOG("Come in connect\n");
     record->status = TCP_STATUS_CONNECTING;
-    const bool secure = record->is_secure == 1;
-    if (secure && tcp_ssl_init(record) == -1) {
-        fail(L, record, "ssl init fail", "ssl init fail");
-        WS_LOG("ssl init fail\n");
-        return -1;
+    connect_state c{};
+    connect_outcome outcome = prepare_connect(record, c);
+    if (outcome.what != connect_outcome::failed)
+        outcome = connect_blocking(c);
+    if (outcome.what == connect_outcome::opened)
+        return 1;
+    errno = outcome.error;
+    fail(L, record, outcome.message != nullptr ? outcome.message : std::strerror(errno), outcome.reason);
+    if (outcome.log_after != nullptr)
+        WS_LOG("%s", outcome.log_after);
+    return -1;
+}
+
+int tcp_opened(lua_State* L, tcp_record* record) {
+    const int32_t fd = record->sockfd;
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now");
+        if (close(fd) == -1)
+            WS_LOG_IN("luacli", "tcp_connect", "close %d: %s\n", fd, std::strerror(errno));
+        lua_pushnil(L);  // the record keeps its descriptor number and status
+        return 1;
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(record->port & 0xffff));
-    address.sin_addr.s_addr = inet_addr(record->ip);  // no name resolution: a name gives all ones
-    if (connect(record->sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == -1) {
-        fail(L, record, std::strerror(errno), nullptr);
-        return -1;
-    }
-    if (record->guard.io_timeout > 0 && stream_bound_waits(record->sockfd, record->guard.io_timeout) == -1) {
-        fail(L, record, std::strerror(errno), nullptr);
-        return -1;
-    }
-    if (secure && tcp_ssl_connect(record) == -1) {
-        fail(L, record, "ssl_connect_fail", "ssl_connect_fail");
-        WS_LOG("ssl_connect_fail\n");
-        return -1;
-    }
+    record->status = TCP_STATUS_OPEN;
+    lua_settop(L, 1);
+    registry_store_top(L, udata_key(fd));
+    WS_LOG_IN("luacli", "tcp_connect", "Will do on open\n");  // the binding's lines, as they always read
+    tcp_connect_callback(L, record);
+    WS_LOG_IN("luacli", "tcp_connect", "Connect callback out\n");
+    // on_open may have closed or replaced the object: return what is registered.
+    get_udata_by_sockfd(L, fd);
     return 1;
 }
 
@@ -102,6 +127,7 @@ void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
     if (record->status == TCP_STATUS_OPEN)
         sock_rem(record->sockfd);
     if (record->sockfd != -1) {
+        conn_drop(record->sockfd);  // the connection's state goes with its descriptor
         if (close(record->sockfd) == -1)
             WS_LOG("close %d: %s\n", record->sockfd, std::strerror(errno));
         tcp_udata_close(L, record->sockfd);
@@ -117,9 +143,9 @@ int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
     WS_LOG("Come in tcp send\n");
     tls_settle_stale_copy(*record);
     const sock_header* registered = push_registered(L, record->sockfd);
-    tls_session* tls = record->is_secure == 1 ? live_session(*record) : nullptr;
+    tls_session* tls = nullptr;
     const bool closed = record->status == TCP_STATUS_CREATED || registered == nullptr ||
-                        registered->status == TCP_STATUS_CLOSED || (record->is_secure == 1 && tls == nullptr);
+                        registered->status == TCP_STATUS_CLOSED || !record_stream(*record, &tls);
     if (closed) {
         closed_socket_callback(L, record->sockfd, record->status == TCP_STATUS_CREATED, registered == nullptr);
         WS_LOG("ERROR: socket has been closed\n");
@@ -207,9 +233,9 @@ int32_t tcp_recv(lua_State* L, int32_t fd, int* err) {
     tcp_record* record = check_tcp_client(L, -1);
     char* received = received_text;
     int32_t result = 0;
+    tls_session* tls = nullptr;
     if (record->is_secure == 1) {
-        tls_session* tls = live_session(*record);
-        if (tls == nullptr) {  // released through another copy: closed
+        if (!record_stream(*record, &tls)) {  // released through another copy: closed
             errno = ENOTCONN;
             result = 0;
         } else {

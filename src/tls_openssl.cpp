@@ -179,12 +179,18 @@ const char* tls_verify_result(const tls_session* session) {
     return X509_verify_cert_error_string(SSL_get_verify_result(ssl_of(session)));
 }
 
-int tls_session_connect(tls_session* session) {
+tls_progress tls_session_step(tls_session* session) {
     ERR_clear_error();
-    if (SSL_connect(ssl_of(session)) > 0)  // blocking: waits for the whole handshake
-        return 0;
+    const int result = SSL_connect(ssl_of(session));
+    if (result > 0)
+        return tls_progress::done;
+    const int kept = errno;
+    const int reason = SSL_get_error(ssl_of(session), result);
     note_failure();
-    return -1;
+    errno = kept;
+    if (reason == SSL_ERROR_WANT_READ)
+        return tls_progress::want_read;
+    return reason == SSL_ERROR_WANT_WRITE ? tls_progress::want_write : tls_progress::failed;
 }
 
 void tls_session_free(tls_session* session) { SSL_free(ssl_of(session)); }

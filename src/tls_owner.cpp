@@ -119,9 +119,11 @@ const char* new_client_context(Record& record) {
     return verify_setup(record.guard, ctx);
 }
 
-// `identity`: what the certificate must match when verification is on.
+// A new session on the record's context, bound to its descriptor, with the
+// opt-in server name and identity. `identity`: what the certificate must
+// match when verification is on.
 template <typename Record>
-const char* connect_session(Record& record, const char* identity) {
+const char* begin_session(Record& record, const char* identity) {
     tls_context* ctx = tls_live(record.tls_serial) ? record.ssl_ctx : nullptr;
     record.ssl = ctx != nullptr ? tls_session_new(ctx) : nullptr;
     if (record.ssl == nullptr)
@@ -136,13 +138,39 @@ const char* connect_session(Record& record, const char* identity) {
                   tls_error_text());
         return "fail to connect ssl\n";
     }
-    if (tls_session_connect(record.ssl) != 0) {
-        stream_note_timeout(record.sockfd);  // a bounded handshake that ran out: ETIMEDOUT
-        if (verifies(guard))
-            WS_LOG_AS("connect_session", "certificate of '%s': %s\n", identity, tls_verify_result(record.ssl));
-        return "fail to connect ssl\n";
-    }
     return nullptr;
+}
+
+// The handshake on the blocking descriptor: the library waits inside the
+// step, so one step is the whole handshake; a want means the wait was cut
+// short (a signal, or the bound running out: ETIMEDOUT), which fails it.
+template <typename Record>
+const char* handshake_blocking(Record& record, const char* identity) {
+    if (tls_session_step(record.ssl) == tls_progress::done)
+        return nullptr;
+    stream_note_timeout(record.sockfd);
+    if (verifies(record.guard))
+        WS_LOG_AS("connect_session", "certificate of '%s': %s\n", identity, tls_verify_result(record.ssl));
+    return "fail to connect ssl\n";
+}
+
+template <typename Record>
+const char* connect_session(Record& record, const char* identity, bool handshake) {
+    const char* failure = begin_session(record, identity);
+    return failure == nullptr && handshake ? handshake_blocking(record, identity) : failure;
+}
+
+// What a wss certificate must match: the servername key, when set; else the
+// URL's host without a ":port" (written into `name`).
+const char* wss_identity(const ws_record& record, const char* host, char (&name)[TEXT_FIELD_SIZE]) {
+    std::snprintf(name, sizeof name, "%s", host);
+    if (char* colon = std::strchr(name, ':'); colon != nullptr && std::strchr(colon + 1, ':') == nullptr)
+        *colon = '\0';
+    return record.guard.servername[0] != '\0' ? record.guard.servername : name;
+}
+
+const char* tcp_identity(const tcp_record& record) {
+    return record.guard.servername[0] != '\0' ? record.guard.servername : record.ip;
 }
 
 }  // namespace
@@ -171,14 +199,11 @@ int tcp_ssl_init(tcp_record* record) {
     return 0;
 }
 
+// The public procedures log the failure under their own names.
+
 int wss_ssl_connect(ws_record* record, const char* host) {
-    // the servername key, when set; else the URL's host without a ":port"
     char name[TEXT_FIELD_SIZE];
-    std::snprintf(name, sizeof name, "%s", host);
-    if (char* colon = std::strchr(name, ':'); colon != nullptr && std::strchr(colon + 1, ':') == nullptr)
-        *colon = '\0';
-    const char* identity = record->guard.servername[0] != '\0' ? record->guard.servername : name;
-    if (const char* failure = connect_session(*record, identity)) {
+    if (const char* failure = connect_session(*record, wss_identity(*record, host, name), true)) {
         WS_LOG("%s", failure);
         return -1;
     }
@@ -186,8 +211,24 @@ int wss_ssl_connect(ws_record* record, const char* host) {
 }
 
 int tcp_ssl_connect(tcp_record* record) {
-    const char* identity = record->guard.servername[0] != '\0' ? record->guard.servername : record->ip;
-    if (const char* failure = connect_session(*record, identity)) {
+    if (const char* failure = connect_session(*record, tcp_identity(*record), true)) {
+        WS_LOG("%s", failure);
+        return -1;
+    }
+    return 0;
+}
+
+int wss_ssl_begin(ws_record* record, const char* host) {
+    char name[TEXT_FIELD_SIZE];
+    if (const char* failure = connect_session(*record, wss_identity(*record, host, name), false)) {
+        WS_LOG("%s", failure);
+        return -1;
+    }
+    return 0;
+}
+
+int tcp_ssl_begin(tcp_record* record) {
+    if (const char* failure = connect_session(*record, tcp_identity(*record), false)) {
         WS_LOG("%s", failure);
         return -1;
     }

@@ -12,6 +12,7 @@
 #include <wolfssl/wolfcrypt/asn.h>
 #include <wolfssl/wolfio.h>
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -64,6 +65,18 @@ void note_session_failure(WOLFSSL* ssl, int result) { note_failure(wolfSSL_get_e
 // call left it; EAGAIN, the descriptor's wait bound (io_timeout) running out,
 // fails the call with errno left at EAGAIN.
 
+// EAGAIN on a blocking descriptor is its wait bound running out (noted);
+// on a non-blocking one, the call is to come back when it is ready.
+bool bound_ran_out(tls_session* session) {
+    const int kept = errno;
+    const int flags = fcntl(session->fd, F_GETFL);
+    errno = kept;
+    if (flags != -1 && (flags & O_NONBLOCK) != 0)
+        return false;
+    session->timed_out = true;
+    return true;
+}
+
 int socket_send(WOLFSSL*, char* bytes, int size, void* context) {
     const ssize_t sent = send(static_cast<tls_session*>(context)->fd, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL);
     if (sent >= 0)
@@ -71,9 +84,9 @@ int socket_send(WOLFSSL*, char* bytes, int size, void* context) {
     switch (errno) {
     case EINTR:
         return WOLFSSL_CBIO_ERR_WANT_WRITE;
-    case EAGAIN:  // on the blocking descriptor: its wait bound ran out
-        static_cast<tls_session*>(context)->timed_out = true;
-        return WOLFSSL_CBIO_ERR_TIMEOUT;
+    case EAGAIN:  // on a blocking descriptor: its wait bound ran out
+        return bound_ran_out(static_cast<tls_session*>(context)) ? WOLFSSL_CBIO_ERR_TIMEOUT
+                                                                  : WOLFSSL_CBIO_ERR_WANT_WRITE;
     case ECONNRESET:
         return WOLFSSL_CBIO_ERR_CONN_RST;
     case EPIPE:
@@ -93,10 +106,9 @@ int socket_recv(WOLFSSL*, char* into, int size, void* context) {
     // as the end of the stream, which only the end of the stream may be.
     // A bound that ran out is no call to come back: the handshake would wait
     // again.
-    if (errno == EAGAIN) {
-        static_cast<tls_session*>(context)->timed_out = true;
-        return WOLFSSL_CBIO_ERR_TIMEOUT;
-    }
+    if (errno == EAGAIN)
+        return bound_ran_out(static_cast<tls_session*>(context)) ? WOLFSSL_CBIO_ERR_TIMEOUT
+                                                                  : WOLFSSL_CBIO_ERR_WANT_READ;
     return errno == EINTR ? WOLFSSL_CBIO_ERR_WANT_READ : WOLFSSL_CBIO_ERR_GENERAL;
 }
 
@@ -322,16 +334,18 @@ const char* tls_verify_result(const tls_session* session) {
     return text;
 }
 
-int tls_session_connect(tls_session* session) {
+tls_progress tls_session_step(tls_session* session) {
     session->timed_out = false;
-    const int result = wolfSSL_connect(session->ssl);  // blocking: waits for the whole handshake
+    const int result = wolfSSL_connect(session->ssl);
     if (result == WOLFSSL_SUCCESS)
-        return 0;
+        return tls_progress::done;
     const int kept = errno;
     session->handshake_error = wolfSSL_get_error(session->ssl, result);
     errno = session->timed_out ? EAGAIN : kept;
     note_failure(session->handshake_error);
-    return -1;
+    if (session->handshake_error == WOLFSSL_ERROR_WANT_READ)
+        return tls_progress::want_read;
+    return session->handshake_error == WOLFSSL_ERROR_WANT_WRITE ? tls_progress::want_write : tls_progress::failed;
 }
 
 void tls_session_free(tls_session* session) {

@@ -1,12 +1,8 @@
-// Registry lookups, the kind of a descriptor and the close by descriptor.
+// Registry lookups, object checks and the kind of a descriptor.
 #include "tools.h"
 
 #include <cstring>
 #include <iterator>
-
-#include "tcp.h"
-#include "udp.h"
-#include "ws_connect.h"
 
 #define LOG_UNIT "tools"
 
@@ -85,27 +81,6 @@ int32_t get_sock_type(lua_State* L, int32_t fd) {
     return type;
 }
 
-using close_procedure = void (*)(lua_State* L, void* record, const char* reason);
-
-struct close_entry {
-    const char* metatable;  // the block must carry it: a record of another kind is never closed
-    close_procedure close;  // null: the kind's close is not part of this build
-};
-
-// Indexed by kind code. The WebSocket and TCP closes plug in here.
-constexpr close_entry close_by_kind[] = {
-    {METATABLE_WS, [](lua_State* L, void* record, const char* reason) {
-         ws_do_close(L, static_cast<ws_record*>(record), reason);
-     }},
-    {METATABLE_TCP, [](lua_State* L, void* record, const char* reason) {
-         tcp_do_close(L, static_cast<tcp_record*>(record), reason);
-     }},
-    {METATABLE_UDP, [](lua_State* L, void* record, const char* reason) {
-         udp_do_close(L, static_cast<udp_record*>(record), reason);
-     }},
-};
-static_assert(std::size(close_by_kind) == SOCK_TYPE_UDP + 1);
-
 static bool has_metatable(lua_State* L, int index, const char* name) {
     if (!lua_getmetatable(L, index))
         return false;
@@ -115,14 +90,41 @@ static bool has_metatable(lua_State* L, int index, const char* name) {
     return same;
 }
 
-void do_close(lua_State* L, int32_t fd, const char* reason) {
-    const int32_t kind = get_sock_type(L, fd);
+void* registered_record(lua_State* L, int32_t fd, int32_t* kind) {
+    *kind = get_sock_type(L, fd);
     get_udata_by_sockfd(L, fd);
     void* record = lua_touserdata(L, -1);
-    if (record == nullptr || kind < 0 || kind >= static_cast<int32_t>(std::size(close_by_kind)))
-        return;
-    const close_entry& entry = close_by_kind[kind];
-    if (entry.close == nullptr || !has_metatable(L, -1, entry.metatable))
-        return;
-    entry.close(L, record, reason);  // the block stays on this stack (callbacks.cpp)
+    if (record == nullptr || *kind < 0 || *kind >= static_cast<int32_t>(std::size(KIND_METATABLES)))
+        return nullptr;
+    return has_metatable(L, -1, KIND_METATABLES[*kind]) ? record : nullptr;
+}
+
+// ---- objects ----
+
+ws_record* check_ws_client(lua_State* L, int index) {
+    void* block = luaL_checkudata(L, index, METATABLE_WS);
+    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_WS' expected`");
+    return static_cast<ws_record*>(block);
+}
+
+udp_record* check_udp_client(lua_State* L, int index) {
+    void* block = luaL_checkudata(L, index, METATABLE_UDP);
+    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_UDP' expected`");
+    return static_cast<udp_record*>(block);
+}
+
+tcp_record* check_tcp_client(lua_State* L, int index) {
+    void* block = luaL_checkudata(L, index, METATABLE_TCP);
+    luaL_argcheck(L, block != nullptr, 1, "`METATABLE_TCP' expected`");
+    return static_cast<tcp_record*>(block);
+}
+
+void stackDump(lua_State*) {}
+
+void* new_record_block(lua_State* L, std::size_t size, const char* metatable) {
+    void* block = lua_newuserdata(L, size);
+    std::memset(block, 0, size);
+    luaL_getmetatable(L, metatable);
+    lua_setmetatable(L, -2);
+    return block;
 }

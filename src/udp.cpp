@@ -10,7 +10,8 @@
 #include <cstring>
 
 #include "callbacks.h"
-#include "luacli.h"
+#include "conn_table.h"
+#include "socket_table.h"
 #include "tools.h"
 
 #define LOG_UNIT "udp"
@@ -73,6 +74,7 @@ int udp_recv(lua_State* L, int32_t fd) {
 
 void udp_do_close(lua_State* L, udp_record* record, const char* reason) {
     const int32_t fd = record->sockfd;
+    conn_drop(fd);
     sock_rem(fd);
     close(fd);
     close_callback(L, fd, reason);

@@ -12,10 +12,11 @@
 #include <cstring>
 
 #include "callbacks.h"
+#include "conn_table.h"
+#include "connect_machine.h"
 #include "fdset.h"
-#include "handshake.h"
-#include "luacli.h"
 #include "net.h"
+#include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
@@ -33,19 +34,18 @@ bool can_report_close(lua_State* L, int32_t fd) { return fd >= 0 && has_options_
 // marked -1, a registered record that is missing or closed, or a secure
 // connection whose session is gone.
 bool is_closed(const ws_record& ws, const sock_header* registered) {
+    tls_session* tls = nullptr;
     return ws.status == -1 || registered == nullptr || registered->status == WS_STATUS_CLOSED ||
-           (ws.is_secure == 1 && live_session(ws) == nullptr);
+           !record_stream(ws, &tls);
 }
 
-// The session the record's stream goes through: null for a plain
-// connection; false (errno EBADF) for a secure one whose session is gone.
+// The record's stream; false (errno EBADF) for a secure record whose
+// session is gone.
 bool stream_of(const ws_record& ws, tls_session** tls) {
-    *tls = ws.is_secure == 1 ? live_session(ws) : nullptr;
-    if (ws.is_secure == 1 && *tls == nullptr) {
-        errno = EBADF;
-        return false;
-    }
-    return true;
+    if (record_stream(ws, tls))
+        return true;
+    errno = EBADF;
+    return false;
 }
 
 // One write of `size` bytes.
@@ -294,10 +294,49 @@ void push_walker(lua_State* L) {
 
 // ---- connect ----
 
-// on_error(errno, message), then the close with `reason` (null: the text of
-// errno as on_error left it). -1 for the caller to return.
-int fail_connect(lua_State* L, ws_record* ws, const char* message, const char* reason) {
-    report_and_close(L, ws->sockfd, message, reason, [&](const char* text) { ws_do_close(L, ws, text); });
+constexpr connect_texts kTexts{"ssl connect fail!", "ssl_connect_fail"};
+
+// The connect's set-up before any phase: URL check, TLS context for wss,
+// host and path, name resolution, the address.
+connect_outcome prepare_connect(ws_record* ws, connect_state& c) {
+    ws->is_secure = is_secure(ws->url);
+    if (ws->is_secure == -1)
+        return connect_failed("wrong websocket url!", "wrong websocket url!", "Error: Wrong websocket url\n");
+    ws->status = WS_STATUS_CONNECTING;
+    if (ws->is_secure == 1 && wss_ssl_init(ws) == -1)
+        return connect_failed("ssl init fail!", "ssl init fail", nullptr, "ssl init fail\n");
+    char url[TEXT_FIELD_SIZE];
+    std::memcpy(url, ws->url, sizeof url);
+    url[sizeof url - 1] = '\0';
+    const int split = get_host_path(url, c.host, c.path);
+    WS_LOG_AS("do_new_connect", "URL is %s, Get host: %s, path: %s\n", ws->url, c.host, c.path);
+    if (split == -1)
+        return connect_failed("wrong websocket url!", "wrong websocket url!", "Error: Wrong websocket url\n");
+    char server_ip[16] = {};
+    if (get_ip(c.host, server_ip) == nullptr)
+        return connect_failed("domain name resolution fail, get server ip fail!",
+                              "domain name resolution fail, get server ip fail!", "Get server_ip: \n", "return -1\n");
+    WS_LOG_AS("do_new_connect", "Get server_ip: %s\n", server_ip);
+    c.address.sin_family = AF_INET;
+    c.address.sin_port = htons(static_cast<uint16_t>(ws->port & 0xffff));
+    c.address.sin_addr.s_addr = inet_addr(server_ip);
+    c.fd = ws->sockfd;
+    c.timeout = ws->timeout;
+    c.ws = ws;
+    c.texts = &kTexts;
+    return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
+}
+
+// The one report of a failed connect: on_error, the close, and the lines
+// logged around them.
+int report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure) {
+    if (failure.log_before != nullptr)
+        WS_LOG_AS("do_new_connect", "%s", failure.log_before);
+    errno = failure.error;
+    const char* message = failure.message != nullptr ? failure.message : std::strerror(errno);
+    report_and_close(L, ws->sockfd, message, failure.reason, [&](const char* text) { ws_do_close(L, ws, text); });
+    if (failure.log_after != nullptr)
+        WS_LOG_AS("do_new_connect", "%s", failure.log_after);
     return -1;
 }
 
@@ -327,59 +366,29 @@ ws_record* ws_init(lua_State*, ws_record* ws, int) {
 int do_new_connect(lua_State* L, ws_record* ws) {
     ws->status = WS_STATUS_CONNECTING;
     WS_LOG("Come in connect\n");
-    ws->is_secure = is_secure(ws->url);
-    if (ws->is_secure == -1) {
-        WS_LOG("Error: Wrong websocket url\n");
-        return fail_connect(L, ws, "wrong websocket url!", "wrong websocket url!");
-    }
-    ws->status = WS_STATUS_CONNECTING;
-    if (ws->is_secure == 1 && wss_ssl_init(ws) == -1) {
-        fail_connect(L, ws, "ssl init fail!", "ssl init fail");
-        WS_LOG("ssl init fail\n");
-        return -1;
-    }
+    connect_state c{};
+    connect_outcome outcome = prepare_connect(ws, c);
+    if (outcome.what != connect_outcome::failed)
+        outcome = connect_blocking(c);
+    return outcome.what == connect_outcome::opened ? 1 : report_failed_connect(L, ws, outcome);
+}
 
-    char url[TEXT_FIELD_SIZE];
-    std::memcpy(url, ws->url, sizeof url);
-    url[sizeof url - 1] = '\0';
-    char host[TEXT_FIELD_SIZE] = {};
-    char path[TEXT_FIELD_SIZE] = {};
-    const int split = get_host_path(url, host, path);
-    WS_LOG("URL is %s, Get host: %s, path: %s\n", ws->url, host, path);
-    if (split == -1) {
-        WS_LOG("Error: Wrong websocket url\n");
-        return fail_connect(L, ws, "wrong websocket url!", "wrong websocket url!");
+int ws_opened(lua_State* L, ws_record* ws) {
+    const int32_t fd = ws->sockfd;
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now!");
+        close(fd);
+        lua_pushnil(L);
+        return 1;
     }
-
-    char server_ip[16] = {};
-    if (get_ip(host, server_ip) == nullptr) {
-        WS_LOG("Get server_ip: %s\n", server_ip);
-        fail_connect(L, ws, "domain name resolution fail, get server ip fail!",
-                     "domain name resolution fail, get server ip fail!");
-        WS_LOG("return -1\n");
-        return -1;
-    }
-    WS_LOG("Get server_ip: %s\n", server_ip);
-
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(ws->port & 0xffff));
-    address.sin_addr.s_addr = inet_addr(server_ip);
-    if (connect_timeout(ws->sockfd, &address, ws->timeout) == -1)
-        return fail_connect(L, ws, std::strerror(errno), nullptr);
-    if (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1)
-        return fail_connect(L, ws, std::strerror(errno), nullptr);
-    if (ws->is_secure == 1 && wss_ssl_connect(ws, host) == -1) {
-        fail_connect(L, ws, "ssl connect fail!", "ssl_connect_fail");
-        WS_LOG("ssl_connect_fail\n");
-        return -1;
-    }
-
-    WS_LOG("will do handshake\n");
-    if (do_handshake(ws, host, path) == -1) {
-        WS_LOG("do handshake fail\n");
-        return fail_connect(L, ws, std::strerror(errno), "handshake fail");
-    }
+    // The loop and the receive path use this copy, taken while connecting.
+    push_record_copy(L, *ws, METATABLE_WS);
+    registry_store_top(L, udata_key(fd));
+    WS_LOG_IN("luacli", "ws_connect", "Will do on open\n");  // the binding's lines, as they always read
+    connect_callback(L, fd);
+    ws->status = WS_STATUS_OPEN;
+    WS_LOG_IN("luacli", "ws_connect", "Connect callback out\n");
+    push_record_copy(L, *ws, METATABLE_WS);
     return 1;
 }
 
@@ -400,6 +409,7 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     if (ws->status == WS_STATUS_OPEN)
         sock_rem(ws->sockfd);  // other statuses leave the table alone, deliberately
     if (ws->sockfd != -1) {
+        conn_drop(ws->sockfd);  // the connection's state goes with its descriptor
         if (close(ws->sockfd) == -1)
             WS_LOG("close %d: %s\n", ws->sockfd, std::strerror(errno));
         ws_udata_close(L, ws->sockfd);

@@ -2,6 +2,8 @@
 // key and accept value, URL splitting; the socket table; the debug log.
 
 #include "chunked.h"
+#include "conn_table.h"
+#include "connect_machine.h"
 #include "handshake.h"
 #include "lua_fixture.h"
 
@@ -98,4 +100,58 @@ TEST_F(SocketTest, DebugLogBetweenSetDebugAndNULL) {
     EXPECT_THAT(eval("io.open(log):read('*a')"), MatchesRegex("\\[Time: [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} [0-9]{4}, "
                                              "File: tcp, Function: tcp_recv, Line: 00047\\]: n=3\n"));
     LUA_OK("os.remove(log)");
+}
+
+// The answer check: every row whole and cut in pieces of 1, 2, 3 bytes; the
+// first decisive verdict and the count must not depend on the cuts. A
+// complete answer ends at its blank line: what follows is frames.
+TEST(Handshake, AnswerCheckCountsTheAnswerWholeOrInPieces) {
+    const std::pair<std::string, const char*> rows[] = {  // answer ({a}: the expected value), verdict
+        {"HTTP/1.1 101 Switching Protocols\r\nSec-WebSocket-Accept: {a}\r\n\r\n\x81\x02hi", "complete"},
+        {"HTTP/1.1 101\r\nSec-WebSocket-Accept:\r\nX: {a}\r\n\r\n", "complete"},
+        {"HTTP/1.1 101\r\nsec-websocket-accept: {a}\r\n\r\n", "refused"},
+        {"HTTP/1.1 200 OK\r\nSec-WebSocket-Accept: {a}\r\n\r\n", "refused"},
+        {"HTTP/1.1 101\r\n\r\nSec-WebSocket-Accept: {a}", "refused"},
+        {"HTTP/1.1 101 {a}\r\nSec-WebSocket-Accept: x\r\n\r\n", "refused"},
+        {std::string("HTTP/1.1 101\0\r\n\r\n", 17), "refused"},
+        {"HTTP/1.1 101\r\nSec-WebSocket-Accept: {a}\r\n", "needs more"},
+    };
+    const char* names[] = {"complete", "needs more", "refused"};
+    for (const auto& [row, verdict] : rows) {
+        std::string answer = row;
+        answer.replace(std::min(answer.find("{a}"), answer.size()), 3, "s3pPL");
+        const std::size_t used = std::string(verdict) == "complete" ? answer.find("\r\n\r\n") + 4 : 0;
+        for (const std::size_t piece : {answer.size(), std::size_t{1}, std::size_t{2}, std::size_t{3}}) {
+            answer_scan scan{};
+            answer_check check{answer_verdict::needs_more, 0};
+            for (std::size_t have = 0; have < answer.size() && check.what == answer_verdict::needs_more;) {
+                have = std::min(answer.size(), have + piece);
+                check = check_upgrade_answer({answer.data(), have}, "s3pPL", scan);
+            }
+            EXPECT_STREQ(names[static_cast<int>(check.what)], verdict) << row << ", pieces of " << piece;
+            EXPECT_EQ(check.used, used) << row << ", pieces of " << piece;
+        }
+    }
+}
+
+// A reused descriptor never finds the old connection's entry; a session goes
+// through its release hook when its descriptor is dropped or reopened.
+TEST(ConnTable, SerialGuardsAReusedDescriptor) {
+    static int released = 0;
+    void (*count)(void*) = [](void* counter) { ++*static_cast<int*>(counter); };
+    const uint64_t first = conn_open(700);
+    ASSERT_NE(conn_find(700, first), nullptr);
+    *conn_find(700, first) = {first, connect_phase::tls, conn_wait::write, 0, &released, count};
+    EXPECT_EQ(conn_wants(700), conn_wait::write);
+    const uint64_t second = conn_open(700);
+    EXPECT_EQ(released, 1);
+    EXPECT_EQ(conn_find(700, first), nullptr);
+    EXPECT_EQ(conn_wants(700), conn_wait::none);
+    ASSERT_NE(conn_find(700, second), nullptr);
+    conn_find(700, second)->session = &released, conn_find(700, second)->release = count;
+    conn_drop(700);
+    EXPECT_EQ(released, 2);
+    EXPECT_EQ(conn_find(700, second), nullptr);
+    EXPECT_EQ(conn_open(-1), 0u);
+    EXPECT_EQ(conn_count(), 0u);
 }

@@ -1,4 +1,7 @@
 // The WebSocket client against scripted in-process peers.
+#include <poll.h>
+
+#include "connect_machine.h"
 #include "lua_fixture.h"
 
 namespace {
@@ -159,4 +162,50 @@ TEST_F(WsTest, ConnectTimesOut) {
            "events():find('timed out') then open(" + std::to_string(full) + ", { timeout = 1 }) end end");
     EXPECT_THAT(events(), MatchesRegex(".*\\|error:[0-9]+:" + std::string(std::strerror(ETIMEDOUT)) + "\\|close:.*"));
     close(listener);
+}
+
+// The connect phases on a non-blocking descriptor against peers that refuse,
+// stall or answer in pieces: each outcome in turn (repeats joined), ending in
+// opened, failed:<errno>@<phase> or stalled@<phase> (not ready for 300 ms).
+// The blocking driver keeps what followed the answer in its one read.
+TEST(ConnectMachine, PhasesWaitFailOrOpenAgainstPeers) {
+    const std::string head = "HTTP/1.1 101 OK\r\nSec-WebSocket-Accept: {accept}\r\n";
+    const std::tuple<bool, bool, std::vector<step>, std::string, std::string> rows[] = {  // tls, blocking, peer, trace, leftover
+        {false, false, {}, "(write@tcp\\|)?failed:111@tcp", ""},
+        {false, false, {{step::upgrade, head}, {step::send, "\r"}, {step::send, "\n\x81\x02hi"}, {step::drain}},
+         "(write@tcp\\|)?(write@send\\|)?read@read\\|opened", "\x81\x02hi"},
+        {false, false, {{step::upgrade, "HTTP/1.1 403 Forbidden\r\n\r\n"}}, "(write@tcp\\|)?(write@send\\|)?read@read\\|failed:[0-9]+@read", ""},
+        {false, false, {{step::drain}}, "(write@tcp\\|)?(write@send\\|)?read@read\\|stalled@read", ""},
+        {true, false, {{step::drain}}, "(write@tcp\\|)?read@tls\\|stalled@tls", ""},
+        {true, false, {{step::send, "HTTP/1.0 400 Bad\r\n\r\n"}, {step::drain}}, "(write@tcp\\|)?(read@tls\\|)?failed:[0-9]+@tls", ""},
+        {false, true, {{step::upgrade, head + "\r\n\x81\x02hi"}, {step::drain}}, "opened", "\x81\x02hi"},
+    };
+    const char* phases[] = {"tcp", "tls", "send", "read", "open"};
+    const connect_texts texts{"tls", "tls"};
+    for (const auto& [tls, blocking, steps, trace, leftover] : rows) {
+        peers::script_peer peer(steps);
+        ws_record ws{};
+        ws.sockfd = socket(AF_INET, SOCK_STREAM | (blocking ? 0 : SOCK_NONBLOCK), 0);
+        ws.is_secure = tls ? 1 : 0;
+        ASSERT_TRUE(!tls || wss_ssl_init(&ws) == 0);
+        connect_state c{};
+        c.fd = ws.sockfd, c.address = peers::loopback(peer.port), c.ws = &ws, c.texts = &texts;
+        std::strcpy(c.host, "127.0.0.1"), std::strcpy(c.path, "/");
+        std::string seen;
+        auto note = [&](const std::string& what) { seen += seen.ends_with(what) ? "" : (seen.empty() ? "" : "|") + what; };
+        for (connect_outcome o{}; seen.find("ed") == std::string::npos;) {
+            o = blocking ? connect_blocking(c) : connect_advance(c);
+            const std::string at = phases[static_cast<int>(c.phase)];
+            pollfd ready{c.fd, short(o.wait == wait_for::read ? POLLIN : POLLOUT), 0};
+            if (o.what == connect_outcome::again)
+                note((o.wait == wait_for::read ? "read@" : "write@") + at), note(poll(&ready, 1, 300) == 0 ? "stalled@" + at : "");
+            else
+                note(o.what == connect_outcome::opened ? "opened" : "failed:" + std::to_string(o.error) + "@" + at);
+        }
+        EXPECT_THAT(seen, MatchesRegex(trace)) << trace;
+        const std::span<const char> rest = connect_leftover(c);
+        EXPECT_EQ(std::string(rest.begin(), rest.end()), leftover) << trace;
+        tls_release_record(ws);
+        close(ws.sockfd);
+    }
 }

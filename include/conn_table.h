@@ -1,0 +1,36 @@
+// Per-connection state beside the socket records, by descriptor. Records
+// are copied byte for byte, so what belongs to one connection and must not be
+// copied (the phase of a connect the loop drives, what it waits for and until
+// when, the session of another framing) lives here, each entry under a
+// serial that is never reused: a descriptor taken over by a new connection
+// never sees the old one's state. Lua-free.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "connect_machine.h"
+
+enum class conn_wait : uint8_t { none, read, write };
+
+struct conn_entry {
+    uint64_t serial;           // names the connection; 0: the slot is free
+    connect_phase phase;       // open once connected
+    conn_wait wants;           // what the loop waits for on the descriptor, besides reading
+    int64_t deadline_ms;       // monotonic milliseconds the wait may last until; 0: none
+    void* session;             // another framing's state, owned by the entry; null: none
+    void (*release)(void* session);  // frees `session` when the entry goes
+};
+
+// A fresh entry for fd (an old one is released first); its serial, or 0
+// when fd is negative or the table cannot grow.
+uint64_t conn_open(int fd);
+// The entry of fd when it still belongs to connection `serial`; else null.
+conn_entry* conn_find(int fd, uint64_t serial);
+// Releases fd's entry, whatever connection it belongs to (the descriptor is
+// being closed): its session through the release hook.
+void conn_drop(int fd);
+// What the loop waits for on fd besides reading: none when fd has no entry.
+conn_wait conn_wants(int fd);
+// Entries in use (for diagnostics and tests).
+std::size_t conn_count();
