@@ -205,7 +205,7 @@ TEST(ConnectMachine, PhasesWaitFailOrOpenAgainstPeers) {
         EXPECT_THAT(seen, MatchesRegex(trace)) << trace;
         const std::span<const char> rest = connect_leftover(c);
         EXPECT_EQ(std::string(rest.begin(), rest.end()), leftover) << trace;
-        tls_release_record(ws);
+        connect_release(c), tls_release_record(ws);
         close(ws.sockfd);
     }
 }
