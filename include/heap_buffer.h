@@ -13,7 +13,12 @@ struct heap_buffer {
 
 // Room for `size` bytes, the new part zeroed; false (errno ENOMEM, the
 // buffer as it was) when memory is short.
-bool heap_grow(heap_buffer& buffer, std::size_t size);
+bool heap_grow_to(heap_buffer& buffer, std::size_t size);
+// The same, with the common case (room enough already) inline: it is on
+// every receive and send.
+inline bool heap_grow(heap_buffer& buffer, std::size_t size) {
+    return (size <= buffer.capacity && buffer.bytes != nullptr) || heap_grow_to(buffer, size);
+}
 // Gives the memory back when the buffer holds more than `keep` bytes.
 void heap_trim(heap_buffer& buffer, std::size_t keep);
 

@@ -9,7 +9,7 @@
 #error "the heap buffers must stay free of the interpreter"
 #endif
 
-bool heap_grow(heap_buffer& buffer, std::size_t size) {
+bool heap_grow_to(heap_buffer& buffer, std::size_t size) {
     if (size <= buffer.capacity && buffer.bytes != nullptr)
         return true;
     // doubling keeps the copies in proportion to the bytes that come
