@@ -130,7 +130,9 @@ void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
     if (record->status == TCP_STATUS_OPEN)
         sock_rem(record->sockfd);
     if (record->sockfd != -1) {
-        conn_drop(record->sockfd);  // the connection's state goes with its descriptor
+        conn_drop(record->sockfd);  // the connection's state and buffers go with its descriptor
+        heap_disown(received_text, record->sockfd);
+        heap_disown(decoded_body, record->sockfd);
         if (close(record->sockfd) == -1)
             WS_LOG("close %d: %s\n", record->sockfd, std::strerror(errno));
         tcp_udata_close(L, record->sockfd);
@@ -266,6 +268,8 @@ int32_t tcp_recv(lua_State* L, int32_t fd, int* err) {
     tcp_record* record = check_tcp_client(L, -1);
     int32_t result = 0;
     tls_session* tls = nullptr;
+    heap_claim(received_text, fd);
+    heap_claim(decoded_body, fd);
     if (record->is_secure == 1) {
         if (!record_stream(*record, &tls)) {  // released through another copy: closed
             errno = ENOTCONN;
@@ -284,7 +288,7 @@ int32_t tcp_recv(lua_State* L, int32_t fd, int* err) {
     *err = errno;
     if (result > 0 && received_text.bytes != nullptr)
         receive_callback(L, fd, text_of(received_text), "", -1);
-    heap_trim(received_text, HEAP_KEEP);
-    heap_trim(decoded_body, HEAP_KEEP);
+    heap_done(received_text, fd);
+    heap_done(decoded_body, fd);
     return result;
 }

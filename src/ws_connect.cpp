@@ -124,6 +124,13 @@ struct frame_buffer {
 frame_buffer frame_buffers[RECEIVE_LEVELS];
 int receive_depth = 0;
 
+// heap_claim / heap_done on a frame buffer; one given back reads as zeros.
+void hand_over(frame_buffer& buffer, int32_t fd, void (*step)(heap_buffer&, int)) {
+    step(buffer.held, fd);
+    if (buffer.held.bytes == nullptr)
+        buffer.extent = 0;
+}
+
 // One receive call: what the loop passed in, and where the walk stands.
 struct frame_walk {
     ws_record* ws;
@@ -422,6 +429,17 @@ int ws_opened(lua_State* L, ws_record* ws) {
     return 1;
 }
 
+// The connection's large buffers go back with it (a frame buffer still
+// walked at its level when its walk ends).
+static void release_buffers(int32_t fd) {
+    for (int level = 0; level < RECEIVE_LEVELS; ++level) {
+        heap_disown(frame_buffers[level].held, fd, level < receive_depth);
+        if (frame_buffers[level].held.bytes == nullptr)
+            frame_buffers[level].extent = 0;
+    }
+    heap_disown(send_frame, fd);
+}
+
 void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     WS_LOG("will do ws_do_close\n");
     // A copy whose session went with another copy's close is closed already:
@@ -439,7 +457,8 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     if (ws->status == WS_STATUS_OPEN)
         sock_rem(ws->sockfd);  // other statuses leave the table alone, deliberately
     if (ws->sockfd != -1) {
-        conn_drop(ws->sockfd);  // the connection's state goes with its descriptor
+        conn_drop(ws->sockfd);  // the connection's state and buffers go with its descriptor
+        release_buffers(ws->sockfd);
         if (close(ws->sockfd) == -1)
             WS_LOG("close %d: %s\n", ws->sockfd, std::strerror(errno));
         ws_udata_close(L, ws->sockfd);
@@ -483,11 +502,11 @@ int ws_send(lua_State* L, ws_record* ws, const char* data, std::size_t length) {
     }
 
     uint32_t framesize = 0;
+    heap_claim(send_frame, fd);
     const uint8_t* frame = build_frame(data, length, &framesize);
     WS_LOG("will send buf\n");
     // once: a short write is not completed; a frame with no memory fails as a write would (ENOMEM)
     const long sent = frame != nullptr ? write_once(*ws, frame, framesize) : -1;
-    heap_trim(send_frame, HEAP_KEEP);
     WS_LOG("Send framsize is %zu\n", static_cast<std::size_t>(framesize));
     WS_LOG("Send len is %d\n", static_cast<int>(sent));
     if (sent == -1) {
@@ -532,12 +551,11 @@ int ws_recv(lua_State* L, int32_t fd, int* err) {
     lua_insert(L, -2);
     lua_pushlightuserdata(L, &walk);
     const int depth = receive_depth++;
+    frame_buffer& used = frame_buffers[depth];
+    hand_over(used, fd, heap_claim);
     const int status = lua_pcall(L, 2, 0, 0);
     receive_depth = depth;
-    frame_buffer& used = frame_buffers[depth];
-    heap_trim(used.held, HEAP_KEEP);
-    if (used.held.bytes == nullptr)
-        used.extent = 0;
+    hand_over(used, fd, heap_done);
     if (status != 0)
         lua_error(L);  // the lookup's error, passed on
     return walk.result;
