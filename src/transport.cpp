@@ -77,8 +77,9 @@ long stream_write(int fd, tls_session* tls, const void* bytes, std::size_t size)
 
 namespace {
 
-// The first read asks for this much at least: more than one TLS record holds.
-constexpr std::size_t kFirstRead = 32768;
+// The first read asks for this much at least (a page); what fills it is
+// continued.
+constexpr std::size_t kFirstRead = 4096;
 
 // A read that never waits: plain bytes already received, or decrypted bytes
 // the session holds. 0 when there are none.
