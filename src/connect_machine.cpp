@@ -148,10 +148,7 @@ connect_outcome read_answer_once(connect_state& c, bool live, tls_session* tls) 
     }
     const std::span<const char> got(answer, c.have);
     const answer_check check = check_upgrade_answer(got, c.ws->sec_ws_accept, c.scan);
-    if (!answer_status_ok(got))
-        return handshake_failed();
-    WS_LOG_IN("handshake", "check_ws_accept", "ws_accept is %s\n", c.scan.name_at != 0 ? answer + c.scan.name_at - 1 : "(null)");
-    if (!answer_accepted(c.scan))
+    if (!answer_status_ok(got) || check_ws_accept(c.ws, answer) != 0)
         return handshake_failed();
     WS_LOG_IN("handshake", "handshake_result", "handshake_result is:\n%s\n", answer);
     c.answer_used = check.what == answer_verdict::complete ? check.used : c.have;
