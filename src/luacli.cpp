@@ -101,6 +101,13 @@ static int udp_new(lua_State* L) {
 static int udp_do_connect(lua_State* L) {
     udp_record* record = check_udp_client(L, 1);
     luaL_checkany(L, 2);  // the options table, last
+    if (lua_istable(L, -1))
+        lua_getfield(L, -1, "ipv6");  // opt-in: a dual-stack socket
+    else
+        lua_pushnil(L);
+    luaL_argcheck(L, lua_isnil(L, -1) || lua_isboolean(L, -1), lua_gettop(L) - 1, "field 'ipv6': boolean expected");
+    const bool ipv6 = lua_toboolean(L, -1);
+    lua_pop(L, 1);
     // A second reference to the object at the bottom keeps the record on the
     // stack through on_open (callbacks.cpp); the value below the options
     // table is what gets registered.
@@ -109,6 +116,11 @@ static int udp_do_connect(lua_State* L) {
     const int32_t fd = record->sockfd;
     registry_store_top(L, sockfd_key(fd));  // options table
     registry_store_top(L, udata_key(fd));   // the value below it: the object
+    if (ipv6 && udp_use_ipv6(fd) == -1) {
+        error_callback(L, fd, errno, "ipv6 socket fail");
+        close(fd);
+        return 0;
+    }
     if (sock_add(fd) == -1) {
         error_callback(L, fd, errno, "socktbl is full now");
         close(fd);

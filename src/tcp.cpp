@@ -212,10 +212,9 @@ int tcp_connect_loop(lua_State* L, tcp_record* record) {
     conn->setup.texts = &kTexts;
     const double bound = record->guard.connect_timeout * 1000;
     const auto timeout_ms = static_cast<int64_t>(bound < 1e12 ? bound : 1e12);
-    errno = ENOMEM;
     if (record->is_secure == 1 && tcp_ssl_init(record) == -1)
         setup_fail_later(*conn, entry, connect_failed("ssl init fail", "ssl init fail", nullptr, "ssl init fail\n"));
-    else if (!setup_begin(*conn, entry, record->ip, static_cast<uint16_t>(record->port & 0xffff), timeout_ms,
+    else if (errno = ENOMEM; !setup_begin(*conn, entry, record->ip, static_cast<uint16_t>(record->port & 0xffff), timeout_ms,
                           &kLoopTexts))
         setup_fail_later(*conn, entry, connect_failed(nullptr, nullptr));
     lua_settop(L, 1);
