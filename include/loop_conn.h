@@ -57,6 +57,10 @@ void byte_queue_reset(byte_queue& queue);
 
 // ---- the set-up ----
 
+// Longest upgrade answer a loop-driven WebSocket set-up takes (a longer one
+// fails the handshake).
+constexpr std::size_t SETUP_ANSWER_CAPACITY = 16384;
+
 // The texts a failed set-up reports, by where it failed.
 struct setup_texts {
     const char* resolve;  // the name did not resolve (on_error and on_close)

@@ -27,6 +27,7 @@ void loop_conn_free(void* state) {
     if (conn == nullptr)
         return;
     resolve_free(conn->query);
+    std::free(conn->setup.answer);  // its own (setup_begin), never the shared one
     byte_queue_reset(conn->out);
     byte_queue_reset(conn->in);
     std::free(conn);
@@ -171,6 +172,13 @@ connect_outcome step(loop_conn& conn, int64_t now_ms) {
 bool setup_begin(loop_conn& conn, conn_entry& entry, const char* host, uint16_t port, int64_t timeout_ms,
                  const setup_texts* texts) {
     conn.texts = texts;
+    // set-ups run side by side: each reads its upgrade answer into its own buffer
+    if (conn.setup.ws != nullptr) {
+        conn.setup.answer = static_cast<char*>(std::malloc(SETUP_ANSWER_CAPACITY));
+        conn.setup.answer_capacity = SETUP_ANSWER_CAPACITY;
+        if (conn.setup.answer == nullptr)
+            return false;
+    }
     conn.setup_deadline_ms = timeout_ms > 0 ? monotonic_ms() + timeout_ms : 0;
     // the resolver needs a bound of its own when the set-up has none
     conn.query = resolve_start(host, port, timeout_ms > 0 ? static_cast<int>(timeout_ms) : 30000);
