@@ -128,7 +128,8 @@ TEST_F(SocketTest, NonblockingSendsQueueInOrderBoundedByMaxQueue) {
         return lua_pushinteger(L, conn != nullptr ? static_cast<lua_Integer>(byte_queue_pending(conn->out)) : -1), 1;
     });
     uint16_t port = 0;
-    const int listener = silent_listener(&port);
+    const int listener = silent_listener(&port), window = 65536;  // a small window: the socket takes little
+    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
     std::string received;
     std::thread reader([&] { std::this_thread::sleep_for(700ms), received = accept_and_read(listener); });
     LUA_OK("accepted, i, most = {}, 1, 0; t = ws.tcp_new(); ws.tcp_connect(t, tcp_opts(" + std::to_string(port) + R"(, {
