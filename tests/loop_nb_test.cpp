@@ -230,3 +230,18 @@ TEST_F(SocketTest, NonblockingTlsExchange) {
     EXPECT_EQ(eval("message"), "hello\n");
     EXPECT_EQ(tls_live_count(), 0u);
 }
+
+// The designed dialect over a loop-driven connection: upgrade, a message each
+// way, the close through the object ws_connect returned.
+TEST_F(SocketTest, NonblockingWebSocketExchange) {
+    peers::script_peer peer({{step::upgrade}, {step::send, peers::server_frame(0x81, "hi")}, {step::read, "", 8}});
+    LUA_OK("w = ws.ws_connect(ws.ws_new(), opts{ type = 0, url = 'ws://127.0.0.1/chat', port = " + std::to_string(peer.port) +
+           ", timeout = 2, crt = '', prikey = '', nonblocking = true, on_message = function(d) note(d .. ' ' .. ws.ws_send(w, 'ok')) end })"
+           "; ws.loop_start(deadline(3, function() if events():find('hi') then ws.ws_close(w); ws.loop_stop() end end), 1, 0)");
+    EXPECT_EQ(events(), "open|hi 2|close:User do close");
+    const std::string& sent = peer.transcript();
+    EXPECT_THAT(sent, ::testing::StartsWith("GET /chat HTTP/1.1\r\nHost: 127.0.0.1\r\n"));
+    const auto frames = peers::client_frames(std::string_view(sent).substr(sent.find("\r\n\r\n") + 4));
+    ASSERT_FALSE(frames.empty());
+    EXPECT_EQ(frames[0].second, "ok");
+}
