@@ -15,20 +15,16 @@ namespace {
 // taken, so that a connect's SYN goes unanswered.
 int silent_listener(uint16_t* port, bool full = false, bool v6 = false) {
     const int fd = socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
-    sockaddr_in6 address{};
+    sockaddr_in6 address{AF_INET6, 0, 0, in6addr_loopback, 0};
     socklen_t length = sizeof address;
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
     if (v6 ? bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 : peers::bind_loopback(fd) < 0)
         return -1;
     listen(fd, full ? 0 : 8);
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
     *port = ntohs(address.sin6_port);  // the same place in either family
-    for (int filler = 0; full && filler < 3; ++filler) {
-        const int client = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        const sockaddr_in to = peers::loopback(*port);
-        connect(client, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    }
+    const sockaddr_in to = peers::loopback(*port);
+    for (int filler = 0; full && filler < 3; ++filler)
+        connect(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0), reinterpret_cast<const sockaddr*>(&to), sizeof to);
     return fd;
 }
 
@@ -53,12 +49,6 @@ struct dns_peer {
     }
     ~dns_peer() { unsetenv("WS_CLIENT_DNS_SERVER"), pclose(input), close(fd); }
 };
-
-bool has_ipv6_loopback() {
-    uint16_t port = 0;
-    const int fd = silent_listener(&port, false, true);
-    return fd >= 0 && close(fd) == 0;
-}
 
 // Runs `connect` (a statement on `ws`), then the loop for `seconds` at
 // interval 0 with a UDP exchange on the side: events, then timer calls,
@@ -88,6 +78,8 @@ TEST_F(SocketTest, NonblockingSetUpsStallOrFailWithoutStallingTheLoop) {
     dns_peer never("stall.test -1 127.0.0.1");
     const char* ws = "ws.ws_connect(ws.ws_new(), opts{ type = 0, url = '%s', port = %d, timeout = 1, crt = '', prikey = '', nonblocking = true })";
     const char* tcp = "ws.tcp_connect(ws.tcp_new(), tcp_opts(%d, { nonblocking = true, connect_timeout = 1 %s }))";
+    const std::string close_ws_text = "ws.ws_close(" + std::string(ws) + ")", close_tcp_text = "ws.tcp_close(" + std::string(tcp) + ")";
+    const char *close_ws = close_ws_text.c_str(), *close_tcp = close_tcp_text.c_str();
     const std::tuple<const char*, const char*, int, std::string> rows[] = {  // connect, URL or host key, listener, events
         {ws, "ws://127.0.0.1/x", 2, "returned|error:110:Connection timed out|close:Connection timed out"},
         {ws, "wss://127.0.0.1/x", 1, "returned|error:110:ssl connect fail!|close:ssl_connect_fail"},
@@ -97,7 +89,9 @@ TEST_F(SocketTest, NonblockingSetUpsStallOrFailWithoutStallingTheLoop) {
         {tcp, "", 2, "returned|error:110:Connection timed out|close:Connection timed out"},
         {tcp, ", is_secure = 1, crt = 'none', prikey = 'none'", 1, "returned|error:2:ssl init fail|close:ssl init fail"},
         {tcp, ", host = 'stall.test'", 1, "returned|error:110:domain name resolution fail, get server ip fail!|close:domain name resolution fail, get server ip fail!"},
-        {tcp, "", 0, "returned|error:111:Connection refused|close:Connection refused"}};
+        {tcp, "", 0, "returned|error:111:Connection refused|close:Connection refused"},
+        {close_ws, "ws://127.0.0.1/x", 1, "close:User do close|returned"},  // nothing sent, nothing later
+        {close_tcp, "", 2, "close:User do close|returned"}};
     for (const auto& [connect, text, listener, expected] : rows) {
         if (!cares && std::strstr(text, "stall.test") != nullptr)
             continue;  // a blocking getaddrinfo() cannot be pointed at the peer
@@ -106,7 +100,7 @@ TEST_F(SocketTest, NonblockingSetUpsStallOrFailWithoutStallingTheLoop) {
         if (listener == 0)
             close(fd);
         char statement[512], code[2048];
-        connect == ws ? std::snprintf(statement, sizeof statement, connect, text, port)
+        connect == ws || connect == close_ws ? std::snprintf(statement, sizeof statement, connect, text, port)
                       : std::snprintf(statement, sizeof statement, connect, port, text);
         std::snprintf(code, sizeof code, kLoopWithTraffic, statement, 1.4);
         run("clear_events()");
@@ -161,7 +155,7 @@ TEST_F(SocketTest, NonblockingSendsQueueInOrderBoundedByMaxQueue) {
 
 // IPv6 literals and names, for each kind: every address tried in turn.
 TEST_F(SocketTest, NonblockingIpv6AndNames) {
-    if (!has_ipv6_loopback())
+    if (uint16_t port = 0; close(silent_listener(&port, false, true)) != 0)
         GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
     uint16_t v6_port = 0, v4_port = 0, ws_port = 0;
     const int v6 = silent_listener(&v6_port, false, true), v4 = silent_listener(&v4_port), ws6 = silent_listener(&ws_port, false, true);
@@ -244,4 +238,18 @@ TEST_F(SocketTest, NonblockingWebSocketExchange) {
     const auto frames = peers::client_frames(std::string_view(sent).substr(sent.find("\r\n\r\n") + 4));
     ASSERT_FALSE(frames.empty());
     EXPECT_EQ(frames[0].second, "ok");
+}
+
+// Deadlines wake the loop early without moving the timer: with interval 3
+// and set-ups timing out at 0.5 s steps, the periodic function still first
+// runs at about 3 s (the timer restarted at each wake-up would put it at 5.5 s).
+TEST_F(SocketTest, NonblockingDeadlinesKeepTheTimer) {
+    uint16_t port = 0;
+    const int full = silent_listener(&port, true);
+    LUA_OK("for i = 1, 5 do ws.tcp_connect(ws.tcp_new(), tcp_opts(" + std::to_string(port) + ", { nonblocking = true, connect_timeout = i / 2 })) end"
+           "; local start = now(); ws.loop_start(function() first = now() - start; ws.loop_stop() end, 1, 3)");
+    EXPECT_EQ(eval("select(2, events():gsub('error:110:Connection timed out|close:Connection timed out', ''))"), "5");
+    EXPECT_GT(num("first"), 2.5);
+    EXPECT_LT(num("first"), 4.0);
+    close(full);
 }
