@@ -27,6 +27,8 @@ struct conn_entry {
 uint64_t conn_open(int fd);
 // The entry of fd when it still belongs to connection `serial`; else null.
 conn_entry* conn_find(int fd, uint64_t serial);
+// fd's entry, whatever connection it belongs to; null when fd has none.
+conn_entry* conn_at(int fd);
 // Releases fd's entry, whatever connection it belongs to (the descriptor is
 // being closed): its session through the release hook.
 void conn_drop(int fd);

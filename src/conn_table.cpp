@@ -59,6 +59,12 @@ conn_entry* conn_find(int fd, uint64_t serial) {
     return &entries[fd];
 }
 
+conn_entry* conn_at(int fd) {
+    if (fd < 0 || static_cast<std::size_t>(fd) >= capacity || entries[fd].serial == 0)
+        return nullptr;
+    return &entries[fd];
+}
+
 void conn_drop(int fd) {
     if (fd >= 0 && static_cast<std::size_t>(fd) < capacity)
         release(entries[fd]);
