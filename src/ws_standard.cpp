@@ -229,7 +229,8 @@ bool peer_close(lua_State* L, std_conn& c, const ws_out& e) {
     c.peer_closed = true;
     c.code = e.code;
     c.reason_size = static_cast<uint8_t>(std::min(e.bytes.size(), sizeof c.reason));
-    std::memcpy(c.reason, e.bytes.data(), c.reason_size);
+    if (c.reason_size != 0)
+        std::memcpy(c.reason, e.bytes.data(), c.reason_size);
     if (c.close_asked)
         return true;  // ours was sent: the server ends the TCP connection
     const ws_framed answer = ws_session_close_frame(c.session, e.code, {});
