@@ -81,6 +81,11 @@ std_conn* still(int32_t fd, uint64_t serial) { return conn_in(conn_find(fd, seri
 
 std::size_t queued(const std_conn& c) { return c.queue_end - c.queue_start; }
 
+// Decrypted bytes waiting in the TLS session: select() cannot see them.
+bool tls_holds_bytes(const std_conn& c) {
+    return c.secure && tls_live(c.tls_serial) && tls_pending(c.tls) > 0;
+}
+
 // ---- writing ----
 
 // Writes until done or the socket is full: the count, or -1 (errno).
@@ -173,6 +178,8 @@ void schedule(const std_conn& c) {
     entry->wants = queued(c) != 0 ? conn_wait::write : conn_wait::none;
     int64_t nearest = 0;
     const auto consider = [&](int64_t at) { nearest = nearest == 0 || at < nearest ? at : nearest; };
+    if (tls_holds_bytes(c))
+        consider(1);  // due at once: the step reads them
     if (c.close_until != 0)
         consider(c.close_until);
     if (c.ping_ms > 0 && c.ping_at == 0 && c.close_until == 0)
@@ -464,6 +471,9 @@ int ws_standard_step(lua_State* L, int32_t fd) {
     std_conn* c = conn_of(fd);
     if (c == nullptr || c->in_receive)
         return 0;
+    int error = 0;
+    if (tls_holds_bytes(*c))  // left by a receive that gave the other sockets their turn
+        return ws_standard_receive(L, fd, &error), 0;
     if (flush(*c) == -1) {
         fail_with(L, fd, nullptr);
         return 0;
