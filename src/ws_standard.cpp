@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -347,16 +348,19 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     entry->phase = connect_phase::open;
     entry->session = c;
     entry->release = release_conn;
-    ws_session_init(c->session, static_cast<std::size_t>(o.max_message));
+    ws_session_init(c->session, static_cast<std::size_t>(std::min(o.max_message, static_cast<double>(SIZE_MAX / 2))));
     c->fd = ws.sockfd;
     c->serial = serial;
     c->secure = ws.is_secure == 1;
     c->tls = ws.ssl;
     c->tls_serial = ws.tls_serial;
-    c->max_queue = static_cast<std::size_t>(o.max_queue);
-    c->close_ms = static_cast<int64_t>(o.close_timeout * 1000);
-    c->ping_ms = static_cast<int64_t>(o.ping_interval * 1000);
-    c->pong_ms = static_cast<int64_t>(o.pong_timeout * 1000);
+    // the options are whole numbers up to 2^53: bounded to what the fields hold
+    static constexpr double most_bytes = static_cast<double>(SIZE_MAX / 2), most_ms = 1e15;
+    const auto ms = [](double seconds) { return static_cast<int64_t>(std::min(seconds * 1000, most_ms)); };
+    c->max_queue = static_cast<std::size_t>(std::min(o.max_queue, most_bytes));
+    c->close_ms = ms(o.close_timeout);
+    c->ping_ms = ms(o.ping_interval);
+    c->pong_ms = ms(o.pong_timeout);
     c->heard_at = now_ms();
     c->code = CLOSE_ABNORMAL;
     if (pending != nullptr)
