@@ -13,7 +13,9 @@
 #include <cstring>
 #include <ctime>
 
+#include "address_text.h"
 #include "callbacks.h"
+#include "fdset.h"
 #include "conn_table.h"
 #include "connect_machine.h"
 #include "net.h"
@@ -293,6 +295,33 @@ void stream_ended(lua_State* L, std_conn& c) {
 
 constexpr connect_texts kTexts{"ssl connect fail!", "ssl_connect_fail"};
 
+// An IPv6 literal as the host: the record's descriptor becomes an IPv6
+// socket under the same number (its registrations stay) and connects within
+// `timeout` seconds (0: a plain blocking connect). 0, or -1 with errno.
+int connect_ipv6(ws_record& ws, const sockaddr_storage& address, socklen_t length) {
+    const int fresh = socket(AF_INET6, SOCK_STREAM, 0);
+    if (fresh == -1)
+        return -1;
+    const int moved = dup2(fresh, ws.sockfd);
+    close(fresh);
+    if (moved == -1 || (ws.timeout != 0 && set_nonblocking(ws.sockfd) == -1))
+        return -1;
+    int result = connect(ws.sockfd, reinterpret_cast<const sockaddr*>(&address), length);
+    if (result == -1 && errno == EINPROGRESS) {
+        timeval wait{ws.timeout, 0};
+        int ready;
+        while ((ready = select_single(ws.sockfd, wait_for::write, &wait)) == -1 && errno == EINTR) {
+        }
+        errno = ready == 0 ? ETIMEDOUT : errno;
+        result = ready == 1 ? connect_finished(ws.sockfd) : -1;
+    }
+    const int error = errno;
+    if (ws.timeout != 0 && deactivate_nonblock(ws.sockfd) == -1)
+        return -1;
+    errno = error;
+    return result;
+}
+
 connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connect_state& c, ws_upgrade& u,
                                 std::span<char> text) {
     ws_url_parts parts{};
@@ -308,8 +337,16 @@ connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connec
     char host[TEXT_FIELD_SIZE + 8];
     std::snprintf(host, sizeof host, port == standard_port || parts.port_written ? "%s" : "%s:%u",
                   parts.host_header, static_cast<unsigned>(port));
+    sockaddr_storage v6{};
+    const socklen_t v6_length = std::strchr(parts.host, ':') != nullptr ? address_parse(parts.host, port, AF_INET6, v6) : 0;
+    if (v6_length != 0) {
+        if (connect_ipv6(*ws, v6, v6_length) == -1 ||
+            (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1))
+            return connect_failed(nullptr, nullptr);
+        c.phase = parts.secure ? connect_phase::tls : connect_phase::send_upgrade;
+    }
     char server_ip[16] = {};
-    if (get_ip(parts.host, server_ip) == nullptr)
+    if (v6_length == 0 && get_ip(parts.host, server_ip) == nullptr)
         return connect_failed("domain name resolution fail, get server ip fail!",
                               "domain name resolution fail, get server ip fail!", "Get server_ip: \n", "return -1\n");
     WS_LOG("%s: %s port %u, target %s\n", ws->url, server_ip, static_cast<unsigned>(port), parts.target);

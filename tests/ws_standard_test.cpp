@@ -138,3 +138,9 @@ TEST_F(WsStandardTest, OptionErrorsNameTheKey) {
     for (const auto& [extra, message] : rows)
         EXPECT_THAT(run("ws.ws_connect(ws.ws_new(), sopts(1, { " + extra + " }))"), HasSubstr(message)) << extra;
 }
+
+// An IPv6 literal is connected over IPv6 (nothing listens: refused), not resolved as a name.
+TEST_F(WsStandardTest, Ipv6LiteralIsConnected) {
+    LUA_OK("note(select('#', ws.ws_connect(ws.ws_new(), sopts(1, { url = 'ws://[::1]:1/' }))))");
+    EXPECT_EQ(events(), "error:" + std::string(std::strerror(ECONNREFUSED)) + "|close:" + std::strerror(ECONNREFUSED) + ":nil:nil|0");
+}
