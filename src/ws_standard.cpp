@@ -436,9 +436,10 @@ int standard_opened(lua_State* L, ws_record* ws, const standard_options& o, std:
             std::free(c->pending);
             c->pending = nullptr;
             c->in_receive = false;
-            schedule(*c);
         }
     }
+    if (c != nullptr)
+        schedule(*c);  // the keepalive's first deadline
     push_record_copy(L, *ws, METATABLE_WS);
     return 1;
 }
