@@ -16,6 +16,7 @@
 #include "address_text.h"
 #include "callbacks.h"
 #include "fdset.h"
+#include "loop_conn.h"
 #include "conn_table.h"
 #include "connect_machine.h"
 #include "net.h"
@@ -60,12 +61,6 @@ struct std_conn {
     char reason[WS_CONTROL_MAX - 2];
     uint8_t input[INPUT_SIZE];
 };
-
-int64_t now_ms() {
-    timespec t{};
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
-}
 
 void release_conn(void* session) {
     auto* c = static_cast<std_conn*>(session);
@@ -252,7 +247,7 @@ bool peer_close(lua_State* L, std_conn& c, const ws_out& e) {
         close_quietly(L, c.fd, "closed by server");
         return false;
     }
-    c.close_until = now_ms() + c.close_ms;
+    c.close_until = monotonic_ms() + c.close_ms;
     return true;
 }
 
@@ -398,7 +393,7 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     c->close_ms = ms(o.close_timeout);
     c->ping_ms = ms(o.ping_interval);
     c->pong_ms = ms(o.pong_timeout);
-    c->heard_at = now_ms();
+    c->heard_at = monotonic_ms();
     c->code = CLOSE_ABNORMAL;
     if (pending != nullptr)
         std::memcpy(pending, leftover.data(), leftover.size());
@@ -493,7 +488,7 @@ int ws_standard_receive(lua_State* L, int32_t fd, int* error) {
             stream_ended(L, *c);
             return 1;
         }
-        c->heard_at = now_ms();
+        c->heard_at = monotonic_ms();
         c->ping_at = 0;
         c->in_receive = true;
         if ((c = consume(L, c, c->input, static_cast<std::size_t>(n))) == nullptr)
@@ -520,7 +515,7 @@ int ws_standard_step(lua_State* L, int32_t fd) {
         fail_with(L, fd, nullptr);
         return 0;
     }
-    const int64_t now = now_ms();
+    const int64_t now = monotonic_ms();
     if (c->close_until != 0 && (now >= c->close_until || (!c->close_asked && queued(*c) == 0))) {
         close_quietly(L, fd, c->close_asked ? "User do close" : "closed by server");
         return 0;
@@ -574,7 +569,7 @@ int ws_standard_send(lua_State* L, ws_record* ws) {
         return 1;
     }
     if (kind == 2 && c->pong_ms > 0 && c->ping_at == 0)
-        c->ping_at = now_ms();
+        c->ping_at = monotonic_ms();
     schedule(*c);
     lua_pushinteger(L, static_cast<lua_Integer>(length));
     return 1;
@@ -608,7 +603,7 @@ void ws_standard_close(lua_State* L, ws_record* ws) {
         return;
     }
     c->close_asked = true;
-    c->close_until = now_ms() + c->close_ms;
+    c->close_until = monotonic_ms() + c->close_ms;
     schedule(*c);
 }
 
