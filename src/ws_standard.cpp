@@ -159,6 +159,17 @@ int submit(std_conn& c, std::span<const uint8_t> frame) {
             return -1;
         done = static_cast<std::size_t>(n);
     }
+    if (queued(c) == 0 && done < frame.size() && frame.data() == c.session.send) {
+        // the frame's own buffer becomes the queue: a large rest is not copied
+        std::free(c.queue);
+        c.queue = c.session.send;
+        c.queue_capacity = c.session.send_capacity;
+        c.queue_start = done;
+        c.queue_end = frame.size();
+        c.session.send = nullptr;
+        c.session.send_capacity = 0;
+        return 0;
+    }
     if (!queue_append(c, frame.data() + done, frame.size() - done)) {
         errno = ENOMEM;
         return -1;
