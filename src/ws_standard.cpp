@@ -396,7 +396,7 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     c->secure = ws.is_secure == 1;
     c->tls = ws.ssl;
     c->tls_serial = ws.tls_serial;
-    // the options are whole numbers up to 2^53: bounded to what the fields hold
+    // the options are numbers up to 2^53: bounded to what the fields hold
     static constexpr double most_bytes = static_cast<double>(SIZE_MAX / 2), most_ms = 1e15;
     const auto ms = [](double seconds) { return static_cast<int64_t>(std::min(seconds * 1000, most_ms)); };
     c->max_queue = static_cast<std::size_t>(std::min(o.max_queue, most_bytes));
