@@ -29,6 +29,11 @@ ws_record* ws_init(lua_State* L, ws_record* ws, int unused);
 // stack (callbacks.cpp).
 int do_new_connect(lua_State* L, ws_record* ws);
 
+// The one report of a failed connect (on_error, the close, the log lines
+// around them); -1.
+struct connect_outcome;
+int ws_report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure);
+
 // The tail of a connect that succeeded: enters the descriptor in the socket
 // table, registers a copy taken while connecting (the loop's), calls on_open,
 // marks the record open and pushes a copy of it; nil with on_error when the

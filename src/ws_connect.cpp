@@ -21,6 +21,7 @@
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
+#include "ws_standard.h"
 #include "ws_url.h"
 
 #define LOG_UNIT "ws_connect"
@@ -367,9 +368,11 @@ connect_outcome prepare_connect(ws_record* ws, connect_state& c) {
     return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
 }
 
+}  // namespace
+
 // The one report of a failed connect: on_error, the close, and the lines
 // logged around them.
-int report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure) {
+int ws_report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure) {
     if (failure.log_before != nullptr)
         WS_LOG_AS("do_new_connect", "%s", failure.log_before);
     errno = failure.error;
@@ -379,6 +382,8 @@ int report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& fa
         WS_LOG_AS("do_new_connect", "%s", failure.log_after);
     return -1;
 }
+
+namespace {
 
 // ---- loop-driven connections (nonblocking) ----
 
@@ -521,7 +526,7 @@ int do_new_connect(lua_State* L, ws_record* ws) {
     if (outcome.what != connect_outcome::failed)
         outcome = connect_blocking(c);
     connect_release(c);  // what followed the answer in its read is dropped, as designed
-    return outcome.what == connect_outcome::opened ? 1 : report_failed_connect(L, ws, outcome);
+    return outcome.what == connect_outcome::opened ? 1 : ws_report_failed_connect(L, ws, outcome);
 }
 
 int ws_opened(lua_State* L, ws_record* ws) {
@@ -568,8 +573,11 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     }
     ws->ssl = nullptr;
     ws->ssl_ctx = nullptr;
-    if (ws->status == WS_STATUS_OPEN)
-        sock_rem(ws->sockfd);  // other statuses leave the table alone, deliberately
+    const ws_standard_end standard = ws_standard_ending(ws->sockfd);  // before the entry goes
+    // other statuses leave the table alone, deliberately; a standard-mode
+    // connection always leaves it, so its end closes no other socket
+    if (ws->status == WS_STATUS_OPEN || standard.standard)
+        sock_rem(ws->sockfd);
     if (ws->sockfd != -1) {
         conn_drop(ws->sockfd);  // the connection's state and buffers go with its descriptor
         release_buffers(ws->sockfd);
@@ -578,7 +586,10 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
         ws_udata_close(L, ws->sockfd);
     }
     // The caller keeps the object on its stack (callbacks.cpp).
-    if (can_report_close(L, ws->sockfd))
+    if (can_report_close(L, ws->sockfd) && standard.standard)
+        close_callback_coded(L, ws->sockfd, reason, standard.code, standard.peer_closed ? standard.reason : nullptr,
+                             standard.reason_size);
+    else if (can_report_close(L, ws->sockfd))
         close_callback(L, ws->sockfd, reason);
     ws->sockfd = -1;
 }
@@ -692,7 +703,7 @@ int ws_connect_loop(lua_State* L, ws_record* ws) {
     loop_conn* conn = loop_conn_attach(ws->sockfd);
     if (conn == nullptr) {
         errno = ENOMEM;
-        report_failed_connect(L, ws, connect_failed(nullptr, nullptr));
+        ws_report_failed_connect(L, ws, connect_failed(nullptr, nullptr));
         return 0;
     }
     conn_entry* entry = conn_at(ws->sockfd);
@@ -706,6 +717,8 @@ int ws_connect_loop(lua_State* L, ws_record* ws) {
 }
 
 int ws_step(lua_State* L, int32_t fd) {
+    if (ws_standard_at(fd))
+        return ws_standard_step(L, fd);
     int32_t kind = -1;
     auto* ws = static_cast<ws_record*>(registered_record(L, fd, &kind));
     loop_conn* conn = ws != nullptr && kind == SOCK_TYPE_WS ? loop_state(*ws) : nullptr;
@@ -717,7 +730,7 @@ int ws_step(lua_State* L, int32_t fd) {
     conn->setup.ws = ws;  // the registered block, wherever it is now
     const connect_outcome outcome = setup_advance(*conn, entry, monotonic_ms());
     if (outcome.what == connect_outcome::failed)
-        return report_failed_connect(L, ws, outcome);
+        return ws_report_failed_connect(L, ws, outcome);
     if (outcome.what == connect_outcome::opened)
         ws_loop_opened(L, ws);
     return 0;
