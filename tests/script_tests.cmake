@@ -38,3 +38,11 @@ endif()
 
 # On the device the module needs the C and TLS libraries only.
 add_test(NAME module_dependencies COMMAND ${script_tests_dir}/module_deps.sh $<TARGET_FILE:ws_client>)
+
+# Standard mode against two independent servers, python3-websockets and Node's ws: one entry each.
+foreach(server python node)
+  add_test(NAME interop_${server}_${WS_CLIENT_LUA_BIN}
+           COMMAND ${WS_CLIENT_INTERPRETER} ${script_tests_dir}/lua/interop_test.lua ${server})
+  set_tests_properties(interop_${server}_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 120
+    ENVIRONMENT "LUA_CPATH=${PROJECT_BINARY_DIR}/?.so;PEERS=${script_tests_dir}/peers;NODE_PATH=/usr/share/nodejs")
+endforeach()

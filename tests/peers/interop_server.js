@@ -1,0 +1,69 @@
+// Interop peer on Node's ws (NODE_PATH=/usr/share/nodejs): the paths of
+// interop_server.py, served alike; the text fragments here split the
+// two bytes of one character. Prints "WS_PORT WSS_PORT"; ends when stdin
+// closes, 120 s at most.
+'use strict';
+const fs = require('fs');
+const https = require('https');
+const { WebSocketServer } = require('ws');
+
+let lastClose = 'none';
+
+function fragments(ws) {
+  const text = Buffer.from('héllo wörld');
+  ws.send(text.subarray(0, 2), { binary: false, fin: false });
+  ws.ping('mid');
+  const timer = setTimeout(() => ws.send('no pong'), 3000);
+  ws.once('pong', (data) => {
+    clearTimeout(timer);
+    ws.send(text.subarray(2, 6), { binary: false, fin: false });
+    ws.send(text.subarray(6), { binary: false, fin: true });
+    ws.send(Buffer.from([0, 1]), { fin: false });
+    ws.send(Buffer.alloc(0), { binary: true, fin: false });
+    ws.send(Buffer.from([255]), { binary: true, fin: true });
+    ws.send(data.toString() === 'mid' ? 'pong ok' : 'no pong');
+  });
+}
+
+function behave(ws, req) {
+  const url = new URL(req.url, 'http://host');
+  const q = Object.fromEntries(url.searchParams);
+  if (url.pathname !== '/last_close') ws.on('close', (code, reason) => { lastClose = `${code} ${reason}`; });
+  if (url.pathname === '/echo') {
+    if (q.pause) { ws.pause(); setTimeout(() => ws.resume(), q.pause * 1000); }
+    ws.on('message', (data, binary) => ws.send(data, { binary }));
+  } else if (url.pathname === '/burst') {
+    for (let i = 0; i < +q.n; i++) {
+      const text = String(i).padEnd(+q.size || 0, '.');
+      ws.send(i % 2 ? Buffer.from(text) : text);
+    }
+  } else if (url.pathname === '/fragments') {
+    fragments(ws);
+  } else if (url.pathname === '/close') {
+    ws.close(+q.code, q.reason || '');
+  } else if (url.pathname === '/last_close') {
+    ws.send(lastClose);
+  } else if (url.pathname === '/headers') {
+    const raw = req.rawHeaders;
+    let text = req.url + '\n';
+    for (let i = 0; i < raw.length; i += 2) text += `${raw[i].toLowerCase()}: ${raw[i + 1]}\n`;
+    ws.send(text);
+  }
+}
+
+const options = {
+  maxPayload: 64 << 20,
+  perMessageDeflate: false,
+  handleProtocols: (offered) => ['mqtt', 'chat'].find((p) => offered.has(p)) || false,
+};
+const [cert, key] = process.argv.slice(2);
+const secureServer = https.createServer({ cert: fs.readFileSync(cert), key: fs.readFileSync(key) });
+const plain = new WebSocketServer({ host: '127.0.0.1', port: 0, ...options });
+const secure = new WebSocketServer({ server: secureServer, ...options });
+plain.on('connection', behave);
+secure.on('connection', behave);
+plain.on('listening', () => secureServer.listen(0, '127.0.0.1', () => {
+  console.log(`${plain.address().port} ${secureServer.address().port}`);
+}));
+process.stdin.on('end', () => process.exit(0)).resume();
+setTimeout(() => process.exit(0), 120000);
