@@ -17,6 +17,8 @@
 #include "handshake.h"
 #include "ws_client.h"
 
+struct ws_upgrade;  // ws_upgrade.h
+
 enum class connect_phase : uint8_t { tcp, tls, send_upgrade, read_upgrade, open };
 
 struct connect_outcome {
@@ -50,7 +52,9 @@ struct connect_state {
     char host[TEXT_FIELD_SIZE];
     char path[TEXT_FIELD_SIZE];
     // the upgrade
-    char request[1024];  // host and path are record-sized: the request always fits
+    // Designed: host and path are record-sized, the request always fits.
+    // Standard mode: the caller writes it (extra header lines included).
+    char request[4096];
     std::size_t request_length;
     std::size_t sent;
     char* answer;  // the answer's bytes so far (taken by the read phase)
@@ -58,6 +62,7 @@ struct connect_state {
     std::size_t have;
     answer_scan scan;
     std::size_t answer_used;  // opened: the answer's length
+    ws_upgrade* upgrade;      // standard mode: the request is written and the answer read whole; null: designed
 };
 
 // Runs steps from c.phase until one waits (again), fails or the connection

@@ -18,6 +18,7 @@
 #include "tools.h"
 #include "udp.h"
 #include "ws_connect.h"
+#include "ws_standard.h"
 
 #define LOG_UNIT "luacli"
 
@@ -46,6 +47,8 @@ static int ws_connect(lua_State* L) {
     get_tbl_num(L, -2, "timeout", &record->timeout);
     WS_LOG(">>timeout is %d\n\n", record->timeout);
     read_guard(L, record->guard);
+    standard_options standard;
+    read_standard(L, standard);
     const int32_t fd = record->sockfd;
     // A closed object has no descriptor to register under.
     luaL_argcheck(L, fd != -1, 1, "socket has been closed");
@@ -55,6 +58,8 @@ static int ws_connect(lua_State* L) {
     // The object stays at 1 until the record's last use (callbacks.cpp): the
     // registry entry is replaced below.
     lua_settop(L, 1);
+    if (standard.on)
+        return ws_standard_connect(L, record, standard);
     if (do_new_connect(L, record) == -1)
         return 0;
     return ws_opened(L, record);
@@ -62,6 +67,8 @@ static int ws_connect(lua_State* L) {
 
 static int ws_do_send(lua_State* L) {
     ws_record* record = check_ws_client(L, 1);
+    if (ws_standard_at(record->sockfd))
+        return ws_standard_send(L, record);
     const int last = lua_gettop(L);
     const char* data = lua_tolstring(L, last, nullptr);  // numbers are converted
     luaL_argcheck(L, data != nullptr, last, "string expected");
@@ -78,6 +85,10 @@ static int lua_close_ws(lua_State* L) {
     auto* record = static_cast<ws_record*>(luaL_checkudata(L, 1, METATABLE_WS));
     if (record == nullptr)
         return 0;
+    if (ws_standard_at(record->sockfd)) {
+        ws_standard_close(L, record);
+        return 0;
+    }
     ws_send_close(L, record);  // argument 1 keeps the record through both (callbacks.cpp)
     ws_do_close(L, record, "User do close");
     WS_LOG("WS closed here\n");

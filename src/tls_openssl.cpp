@@ -139,6 +139,8 @@ tls_session* tls_session_new(tls_context* context) {
     SSL* ssl = SSL_new(ctx_of(context));
     if (ssl == nullptr)
         note_failure();
+    else  // a write retried from a send queue that moved (standard mode)
+        SSL_set_mode(ssl, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     return reinterpret_cast<tls_session*>(ssl);
 }
 

@@ -20,6 +20,7 @@
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
+#include "ws_standard.h"
 
 #define LOG_UNIT "ws_connect"
 
@@ -327,9 +328,11 @@ connect_outcome prepare_connect(ws_record* ws, connect_state& c) {
     return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
 }
 
+}  // namespace
+
 // The one report of a failed connect: on_error, the close, and the lines
 // logged around them.
-int report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure) {
+int ws_report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure) {
     if (failure.log_before != nullptr)
         WS_LOG_AS("do_new_connect", "%s", failure.log_before);
     errno = failure.error;
@@ -339,8 +342,6 @@ int report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& fa
         WS_LOG_AS("do_new_connect", "%s", failure.log_after);
     return -1;
 }
-
-}  // namespace
 
 ws_record* ws_init(lua_State*, ws_record* ws, int) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -370,7 +371,7 @@ int do_new_connect(lua_State* L, ws_record* ws) {
     connect_outcome outcome = prepare_connect(ws, c);
     if (outcome.what != connect_outcome::failed)
         outcome = connect_blocking(c);
-    return outcome.what == connect_outcome::opened ? 1 : report_failed_connect(L, ws, outcome);
+    return outcome.what == connect_outcome::opened ? 1 : ws_report_failed_connect(L, ws, outcome);
 }
 
 int ws_opened(lua_State* L, ws_record* ws) {
@@ -406,8 +407,11 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     }
     ws->ssl = nullptr;
     ws->ssl_ctx = nullptr;
-    if (ws->status == WS_STATUS_OPEN)
-        sock_rem(ws->sockfd);  // other statuses leave the table alone, deliberately
+    const ws_standard_end standard = ws_standard_ending(ws->sockfd);  // before the entry goes
+    // other statuses leave the table alone, deliberately; a standard-mode
+    // connection always leaves it, so its end closes no other socket
+    if (ws->status == WS_STATUS_OPEN || standard.standard)
+        sock_rem(ws->sockfd);
     if (ws->sockfd != -1) {
         conn_drop(ws->sockfd);  // the connection's state goes with its descriptor
         if (close(ws->sockfd) == -1)
@@ -415,7 +419,10 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
         ws_udata_close(L, ws->sockfd);
     }
     // The caller keeps the object on its stack (callbacks.cpp).
-    if (can_report_close(L, ws->sockfd))
+    if (can_report_close(L, ws->sockfd) && standard.standard)
+        close_callback_coded(L, ws->sockfd, reason, standard.code, standard.peer_closed ? standard.reason : nullptr,
+                             standard.reason_size);
+    else if (can_report_close(L, ws->sockfd))
         close_callback(L, ws->sockfd, reason);
     ws->sockfd = -1;
 }
@@ -512,4 +519,11 @@ int ws_recv(lua_State* L, int32_t fd, int* err) {
     if (status != 0)
         lua_error(L);  // the lookup's error, passed on
     return walk.result;
+}
+
+int ws_step(lua_State* L, int32_t fd) {
+    const conn_entry* entry = conn_at(fd);
+    if (entry != nullptr && entry->phase == connect_phase::open)
+        return ws_standard_step(L, fd);
+    return 0;
 }
