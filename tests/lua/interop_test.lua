@@ -2,6 +2,7 @@
 --   interop_test.lua python|node   (PEERS: the tests/peers directory)
 -- One line per row, grouped as the public conformance suites group them.
 local ws = require("ws_client")
+io.stdout:setvbuf("line")
 local peers, tmp = os.getenv("PEERS"), os.tmpname()
 local MiB = 1024 * 1024
 os.execute(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=127.0.0.1"
@@ -172,9 +173,10 @@ for _, scheme in ipairs({ "ws", "wss" }) do
 end
 -- keepalive, over ws only: pings answered keep the connection; a silent server is found
 row("ping/pong", "keepalive: answered pings keep it open (ws)", function()
-  connect("ws", "/echo", { ping_interval = 1, pong_timeout = 1 }); pump(never, 3)
-  ws.ws_send(ev.c, "still here"); pump(has(1), 5)
-  return expect({ { "still here", "text" } })
+  connect("ws", "/echo", { ping_interval = 1, pong_timeout = 1 })
+  ws.ws_send(ev.c, "first"); pump(has(1), 5); pump(has(2), 3)
+  ws.ws_send(ev.c, "still here"); pump(has(2), 5)
+  return expect({ { "first", "text" }, { "still here", "text" } })
 end)
 row("ping/pong", "keepalive: a server that stopped reading is found (ws)", function()
   connect("ws", "/echo?pause=20", { ping_interval = 1, pong_timeout = 1 }); pump(never, 10)

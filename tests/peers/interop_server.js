@@ -8,6 +8,7 @@ const https = require('https');
 const { WebSocketServer } = require('ws');
 
 let lastClose = 'none';
+let others = 0; // connections not yet ended
 
 function fragments(ws) {
   const text = Buffer.from('héllo wörld');
@@ -28,7 +29,10 @@ function fragments(ws) {
 function behave(ws, req) {
   const url = new URL(req.url, 'http://host');
   const q = Object.fromEntries(url.searchParams);
-  if (url.pathname !== '/last_close') ws.on('close', (code, reason) => { lastClose = `${code} ${reason}`; });
+  if (url.pathname !== '/last_close') {
+    others++;
+    ws.on('close', (code, reason) => { lastClose = `${code} ${reason}`; others--; });
+  }
   if (url.pathname === '/echo') {
     if (q.pause) { ws.pause(); setTimeout(() => ws.resume(), q.pause * 1000); }
     ws.on('message', (data, binary) => ws.send(data, { binary }));
@@ -42,7 +46,8 @@ function behave(ws, req) {
   } else if (url.pathname === '/close') {
     ws.close(+q.code, q.reason || '');
   } else if (url.pathname === '/last_close') {
-    ws.send(lastClose);
+    const report = (tries) => (others && tries ? setTimeout(report, 10, tries - 1) : ws.send(lastClose));
+    report(500);
   } else if (url.pathname === '/headers') {
     const raw = req.rawHeaders;
     let text = req.url + '\n';

@@ -5,14 +5,14 @@
 #   /burst?n=N[&size=B]    N messages back to back: i padded with '.' to B bytes, odd i binary
 #   /fragments             a text and a binary message in fragments, a ping amid the text
 #   /close?code=C&reason=R the server closes so
-#   /last_close            the code and reason the last other connection closed with
+#   /last_close            the code and reason the last other connection closed with, once all ended
 #   /headers               the request target and headers, names in lower case
 # Prints "WS_PORT WSS_PORT"; ends when stdin closes, 120 s at most.
 import asyncio, os, ssl, sys  # noqa: E401
 from urllib.parse import parse_qsl, urlsplit
 import websockets
 
-last_close = "none"
+last_close, others = "none", 0  # others: connections not yet ended
 
 
 async def fragments(ws):
@@ -34,9 +34,10 @@ async def fragments(ws):
 
 
 async def behave(ws, path):
-    global last_close
+    global last_close, others
     url = urlsplit(path)
     q = dict(parse_qsl(url.query))
+    others += url.path != "/last_close"
     try:
         if url.path == "/echo":
             if "pause" in q:
@@ -54,6 +55,10 @@ async def behave(ws, path):
         elif url.path == "/close":
             await ws.close(int(q["code"]), q.get("reason", ""))
         elif url.path == "/last_close":
+            for _ in range(500):  # until the others have ended
+                if others == 0:
+                    break
+                await asyncio.sleep(0.01)
             await ws.send(last_close)
         elif url.path == "/headers":
             await ws.send(path + "\n" + "".join("%s: %s\n" % (k.lower(), v) for k, v in ws.request_headers.raw_items()))
@@ -62,7 +67,7 @@ async def behave(ws, path):
         pass
     finally:
         if url.path != "/last_close":
-            last_close = "%s %s" % (ws.close_code, ws.close_reason)
+            last_close, others = "%s %s" % (ws.close_code, ws.close_reason), others - 1
 
 
 async def main(crt, key):
