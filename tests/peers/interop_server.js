@@ -1,7 +1,5 @@
-// Interop peer on Node's ws (NODE_PATH=/usr/share/nodejs): the paths of
-// interop_server.py, served alike; the text fragments here split the
-// two bytes of one character. Prints "WS_PORT WSS_PORT"; ends when stdin
-// closes, 120 s at most.
+// Interop peer on Node's ws (NODE_PATH=/usr/share/nodejs): interop_server.py's paths and
+// output, served alike, but for text fragments that split one character's two bytes.
 'use strict';
 const fs = require('fs');
 const https = require('https');
@@ -26,34 +24,33 @@ function fragments(ws) {
   });
 }
 
-function behave(ws, req) {
-  const url = new URL(req.url, 'http://host');
-  const q = Object.fromEntries(url.searchParams);
-  if (url.pathname !== '/last_close') {
-    others++;
-    ws.on('close', (code, reason) => { lastClose = `${code} ${reason}`; others--; });
-  }
-  if (url.pathname === '/echo') {
+const paths = {
+  '/echo': (ws, q) => {
     if (q.pause) { ws.pause(); setTimeout(() => ws.resume(), q.pause * 1000); }
     ws.on('message', (data, binary) => ws.send(data, { binary }));
-  } else if (url.pathname === '/burst') {
+  },
+  '/burst': (ws, q) => {
     for (let i = 0; i < +q.n; i++) {
       const text = String(i).padEnd(+q.size || 0, '.');
       ws.send(i % 2 ? Buffer.from(text) : text);
     }
-  } else if (url.pathname === '/fragments') {
-    fragments(ws);
-  } else if (url.pathname === '/close') {
-    ws.close(+q.code, q.reason || '');
-  } else if (url.pathname === '/last_close') {
+  },
+  '/fragments': fragments,
+  '/close': (ws, q) => ws.close(+q.code, q.reason || ''),
+  '/last_close': (ws) => {
     const report = (tries) => (others && tries ? setTimeout(report, 10, tries - 1) : ws.send(lastClose));
     report(500);
-  } else if (url.pathname === '/headers') {
-    const raw = req.rawHeaders;
-    let text = req.url + '\n';
-    for (let i = 0; i < raw.length; i += 2) text += `${raw[i].toLowerCase()}: ${raw[i + 1]}\n`;
-    ws.send(text);
+  },
+  '/headers': (ws, q, req) => ws.send(req.url + '\n' + req.rawHeaders.map((v, i) => (i % 2 ? `${v}\n` : `${v.toLowerCase()}: `)).join('')),
+};
+
+function behave(ws, req) {
+  const url = new URL(req.url, 'http://host');
+  if (url.pathname !== '/last_close') {
+    others++;
+    ws.on('close', (code, reason) => { lastClose = `${code} ${reason}`; others--; });
   }
+  paths[url.pathname](ws, Object.fromEntries(url.searchParams), req);
 }
 
 const options = {
@@ -65,8 +62,7 @@ const [cert, key] = process.argv.slice(2);
 const secureServer = https.createServer({ cert: fs.readFileSync(cert), key: fs.readFileSync(key) });
 const plain = new WebSocketServer({ host: '127.0.0.1', port: 0, ...options });
 const secure = new WebSocketServer({ server: secureServer, ...options });
-plain.on('connection', behave);
-secure.on('connection', behave);
+for (const server of [plain, secure]) server.on('connection', behave);
 plain.on('listening', () => secureServer.listen(0, '127.0.0.1', () => {
   console.log(`${plain.address().port} ${secureServer.address().port}`);
 }));

@@ -1,13 +1,12 @@
 #!/usr/bin/python3
-# Interop peer on python3-websockets: ws and wss on 127.0.0.1 (wss with the
-# certificate and key given), the behaviour picked by the request path:
-#   /echo[?pause=S]        echo, each message in its kind (first S s not reading)
+# Interop peer on python3-websockets: ws and wss (the certificate and key given) on
+# 127.0.0.1; prints "WS_PORT WSS_PORT"; ends when stdin closes, 120 s at most. Paths:
+#   /echo[?pause=S]        echo in the message's kind (reading nothing for the first S s)
 #   /burst?n=N[&size=B]    N messages back to back: i padded with '.' to B bytes, odd i binary
-#   /fragments             a text and a binary message in fragments, a ping amid the text
+#   /fragments             a text (a ping amid it) and a binary message in fragments
 #   /close?code=C&reason=R the server closes so
-#   /last_close            the code and reason the last other connection closed with, once all ended
+#   /last_close            the close code and reason of the connection before, once it ended
 #   /headers               the request target and headers, names in lower case
-# Prints "WS_PORT WSS_PORT"; ends when stdin closes, 120 s at most.
 import asyncio, os, ssl, sys  # noqa: E401
 from urllib.parse import parse_qsl, urlsplit
 import websockets
@@ -20,14 +19,11 @@ async def fragments(ws):
 
     async def text():
         yield "hé"
-        pong = await ws.ping(b"mid")  # answered before the rest is sent
+        pong = await ws.ping(b"mid")
         yield "llo "
+        done, _ = await asyncio.wait([pong], timeout=3)  # answered amid the fragments
+        seen.append("pong ok" if done else "no pong")
         yield "wörld"
-        try:
-            await asyncio.wait_for(pong, 3)
-            seen.append("pong ok")
-        except asyncio.TimeoutError:
-            seen.append("no pong")
     await ws.send(text())
     await ws.send([b"\0\1", b"", b"\xff"])
     await ws.send(seen[0])
