@@ -96,9 +96,16 @@ for _, scheme in ipairs({ "ws", "wss" }) do
     local list = {}; for i = 0, 9999 do list[i + 1] = burst_message(i, 0) end
     return expect(list)
   end)
-  local sent = {}
-  for i = 1, 2000 do sent[i] = { payload("text", 1000, i), "text" } end
-  on("framing", "2000 messages of 1000 bytes echoed in order", echo, sent, { max_queue = 4 * MiB })
+  on("framing", "2000 messages of 10000 bytes echoed in order, half sent as the echoes start", function()
+    connect(scheme, "/echo?pause=1", { max_queue = 32 * MiB })  -- the server reads nothing for 1 s
+    local sent = {}
+    for i = 1, 2000 do sent[i] = { payload("text", 10000, i), "text" } end
+    for i = 1, 1000 do ws.ws_send(ev.c, sent[i][1]) end
+    pump(function()
+      if #ev.got == 1 then for i = 1001, 2000 do ws.ws_send(ev.c, sent[i][1]) end end
+      return #ev.got == 2000 end, 60)
+    return expect(sent)
+  end)
   on("utf-8", "2-, 3- and 4-byte characters", echo, { { "héllo wörld €𝄞", "text" } })
   on("fragmentation", "server fragments, a ping amid them answered", function()
     connect(scheme, "/fragments"); pump(has(3), 10)
