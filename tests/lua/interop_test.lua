@@ -41,7 +41,7 @@ local function pump(stop, seconds)
 end
 local function shown(i) local d = ev.got[i]
   return d and ("%s %d bytes %q"):format(tostring(ev.kinds[i]), #d, d:sub(1, 24)) or "nothing" end
-local function closed() return ev.close and tostring(ev.close[2]) .. " " .. tostring(ev.close[3]) or "no close" end
+local function closed() return ev.close and ("closed %s %q (%s)"):format(tostring(ev.close[2]), ev.close[3], tostring(ev.close[1])) or "no close" end
 
 local failed, total = 0, 0
 local function row(group, name, fn, ...)
@@ -116,7 +116,7 @@ for _, scheme in ipairs({ "ws", "wss" }) do
     on("close", ("server closes: %d %q"):format(case[1], case[2]), function()
       connect(scheme, ("/close?code=%d&reason=%s"):format(case[1], case[3] or case[2]))
       pump(has(), 5)
-      if closed() ~= case[1] .. " " .. case[2] then return "on_close gave " .. closed() end
+      if not ev.close or ev.close[2] ~= case[1] or ev.close[3] ~= case[2] then return closed() end
       return server_saw(scheme, case[1] .. " ")  -- answered with its code
     end)
   end
@@ -125,7 +125,7 @@ for _, scheme in ipairs({ "ws", "wss" }) do
       connect(scheme, "/echo")
       if case[1] then ws.ws_close(ev.c, case[1], case[2]) else ws.ws_close(ev.c) end
       pump(has(), 5)
-      if not ev.close or ev.close[2] ~= (case[1] or 1000) then return "on_close gave " .. closed() end
+      if not ev.close or ev.close[2] ~= (case[1] or 1000) then return closed() end
       return server_saw(scheme, (case[1] or 1000) .. " " .. (case[2] or ""))
     end)
   end

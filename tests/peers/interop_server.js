@@ -46,6 +46,7 @@ const paths = {
 
 function behave(ws, req) {
   const url = new URL(req.url, 'http://host');
+  ws.on('error', () => {}); // a client's fault ends its connection, not the peer
   if (url.pathname !== '/last_close') {
     others++;
     ws.on('close', (code, reason) => { lastClose = `${code} ${reason}`; others--; });
