@@ -12,7 +12,7 @@ LUA_LEGS   := test-lua5.2 test-lua5.3 test-lua5.4 test-luajit
 # OpenSSL is the default.
 OTHER_TLS  ?= mbedtls wolfssl
 
-.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-cross cross bench footprint dist mutants clean
+.PHONY: deps deps-demo build demo test test-plain test-asan $(LUA_LEGS) test-fuzz test-tls test-mbedtls36 test-musl test-debian test-openwrt test-cross cross bench footprint dist mutants clean
 
 deps:
 	@scripts/deps.sh
@@ -64,6 +64,29 @@ test-tls: deps
 	@status=0; for tls in $(OTHER_TLS); do \
 	  CTEST_ARGS="-E rockspec" $(GROUP) $$tls build-tls-$$tls -DCMAKE_BUILD_TYPE=RelWithDebInfo -DWS_CLIENT_TLS=$$tls || status=1; \
 	done; exit $$status
+
+# The whole suite on mbedTLS 3.6 (Debian 13's packages in a private root,
+# build-mbedtls36/trixie/root; the host's 2.28 stays as it is).
+test-mbedtls36: deps
+	@JOBS=$(JOBS) scripts/test_mbedtls36.sh build-mbedtls36
+
+# The module on musl with mbedTLS 3.6, script-level tests under a musl lua5.1
+# (musl-tools; Lua and mbedTLS built from Debian's sources into
+# build-musl/root once).
+test-musl: deps
+	@JOBS=$(JOBS) scripts/test_musl.sh build-musl
+
+# The Debian recipe (debian/): binary packages built from a copy of the
+# tracked files, unpacked into a throwaway root and loaded by every Lua.
+test-debian: deps
+	@JOBS=$(JOBS) scripts/test_debian.sh build-debian
+
+# The OpenWrt recipe (packaging/openwrt/ws-client) run as that build system
+# would, cross-built for arm64 on mbedTLS 3.6 (build-openwrt/, the arm64
+# sysroot shared with make cross), its package checked and loaded under qemu.
+test-openwrt:
+	@scripts/deps.sh cross
+	@JOBS=$(JOBS) ARM64_SYSROOT=$(CROSS_BUILD)/sysroot-arm64 scripts/test_openwrt.sh build-openwrt
 
 # Release files in dist/: ws_client-<version>.tar.gz and its rockspec, whose
 # source URL is DIST_URL/ws_client-<version>.tar.gz (default: file:// dist/).
@@ -117,6 +140,7 @@ bench: deps
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so" LUA_PATH="$(CURDIR)/src/?.lua;;" \
 	  scripts/with_peer.sh -- lua5.1 bench/easy_roundtrip.lua
+	bench/nonblocking.sh $(CURDIR)/$(BENCH_BUILD)
 	bench/footprint.sh lua5.1 $(BENCH_BUILD) openssl
 
 # Resident memory per connection kind, the module's size and the wss round
@@ -131,4 +155,4 @@ footprint: deps
 	done
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(BENCH_BUILD) $(patsubst test-%,build-%,$(LUA_LEGS)) dist build-tls-* build-footprint-* $(CROSS_BUILD) build-mutants build-mbedtls36 build-musl build-openwrt build-debian

@@ -28,7 +28,10 @@ struct loop_conn {
     std::size_t max_queue;    // bytes the queue may hold
     byte_queue out;
     byte_queue in;            // plain TCP: collected until the peer closes
-    bool peer_closed;         // in: the end of the stream was read
+    std::size_t collected;    // in: bytes read, zero bytes and all
+    const struct setup_texts* texts;
+    connect_outcome failure;  // what failed before the first step
+    bool failed;
 };
 
 // Monotonic milliseconds.
@@ -49,3 +52,46 @@ inline std::size_t byte_queue_pending(const byte_queue& queue) { return queue.le
 int byte_queue_flush(byte_queue& queue, int fd, tls_session* tls);
 // Empties the queue and frees its bytes.
 void byte_queue_reset(byte_queue& queue);
+
+#include "conn_table.h"
+
+// ---- the set-up ----
+
+// Longest upgrade answer a loop-driven WebSocket set-up takes (a longer one
+// fails the handshake).
+constexpr std::size_t SETUP_ANSWER_CAPACITY = 16384;
+
+// The texts a failed set-up reports, by where it failed.
+struct setup_texts {
+    const char* resolve;  // the name did not resolve (on_error and on_close)
+};
+
+// Starts the set-up of `conn` (its `setup` filled as for connect_advance,
+// fd and texts included, but no address): resolves `host` for `port`, bound
+// with the rest of the set-up by `timeout_ms` (0: no bound of its own).
+// False when out of memory.
+bool setup_begin(loop_conn& conn, conn_entry& entry, const char* host, uint16_t port, int64_t timeout_ms,
+                 const setup_texts* texts);
+// A failure found before the first step (a wrong URL, no TLS context): the
+// loop reports it at its next pass.
+void setup_fail_later(loop_conn& conn, conn_entry& entry, const connect_outcome& failure);
+// One step at the loop's call: name, then each address in turn (a socket of
+// its family in place of fd), then the connect phases. Keeps entry.phase,
+// wants and deadline_ms up to date. again while it waits; opened; failed
+// (with the texts of the step that failed; ETIMEDOUT past the deadline).
+connect_outcome setup_advance(loop_conn& conn, conn_entry& entry, int64_t now_ms);
+
+// ---- sends ----
+
+enum class queued_send : uint8_t { written, queued, full, failed };
+// Writes `size` bytes now, or as much as the socket takes with the rest
+// queued (all queued behind bytes already waiting); full when the queue
+// cannot take them (nothing written), failed on a write error (errno).
+queued_send loop_send(loop_conn& conn, conn_entry& entry, int fd, tls_session* tls, const void* bytes,
+                      std::size_t size);
+// The loop's call for an open connection that waits to write: 1 drained, 0
+// more to write, -1 failed (errno). Keeps entry.wants up to date.
+int loop_drain(loop_conn& conn, conn_entry& entry, int fd, tls_session* tls);
+// A loop-driven connection's state made and attached to a fresh entry for
+// fd; null when out of memory.
+loop_conn* loop_conn_attach(int fd);

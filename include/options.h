@@ -16,7 +16,10 @@ void get_tbl_num(lua_State* L, int index, const char* key, int32_t* out);
 // The opt-in keys of a stream socket, from the options table on top: a
 // missing key leaves its protection off; a present one must have the right
 // type (and io_timeout be 0 or more) or raises an argument error naming it.
-void read_guard(lua_State* L, stream_guard& guard);
+// `tcp`: also the TCP-only keys (host, connect_timeout). The keys of a
+// loop-driven connection other than `nonblocking` itself raise an argument
+// error without nonblocking = true.
+void read_guard(lua_State* L, stream_guard& guard, bool tcp);
 
 // Standard mode (rfc6455 = true), per connection; see docs/api.md.
 constexpr double WS_MAX_QUEUE_DEFAULT = 4194304;  // bytes waiting to be written

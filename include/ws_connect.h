@@ -73,6 +73,14 @@ int ws_recv(lua_State* L, int32_t fd, int* err);
 // options table is registered (a never connected socket stays quiet).
 void ws_send_close(lua_State* L, ws_record* ws);
 
-// The kind's step, called by the loop when fd is writable or its deadline
-// passed: an open standard-mode connection's step; 0.
+// ---- loop-driven connections (options key nonblocking) ----
+
+// ws_connect's part once the record and its options are registered: starts
+// the set-up the loop drives and pushes a copy of the record (the result).
+// Every failure, and on_open, come from the loop.
+int ws_connect_loop(lua_State* L, ws_record* ws);
+// The kind's step: advances the set-up, or writes what sends left queued.
 int ws_step(lua_State* L, int32_t fd);
+// ws_close on a loop-driven connection (through its registered record): no
+// close frame while it is being set up. 0 when `ws` is not loop-driven.
+int ws_close_served(lua_State* L, ws_record* ws);

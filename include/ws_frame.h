@@ -61,6 +61,11 @@ struct frame_step {
 // zero-filled again before reuse.
 frame_step frame_decode(frame_decoder& d, std::span<const uint8_t> in);
 
+// Bytes still needed to finish the header or the payload the decoder is in:
+// header bytes known so far (2 until the length form is seen), or payload
+// bytes. A layer reading only what a frame needs can size its reads by it.
+uint64_t frame_bytes_needed(const frame_decoder& d);
+
 // Writes a client frame header with FIN, opcode, MASK and `key`, the length
 // in the shortest form (16- and 64-bit forms in network order). Returns its
 // size: 6, 8 or 14 bytes.

@@ -20,6 +20,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   luarocks
+  musl-tools debhelper dpkg-dev
   nodejs node-ws
 )
 # `deps.sh cross`: also the cross compilers and the emulator (make cross,

@@ -36,7 +36,8 @@ static socklen_t parse_ipv6(const char* text, uint16_t port, sockaddr_storage& o
     address.sin6_port = htons(port);
     if (inet_pton(AF_INET6, bare, &address.sin6_addr) != 1)
         return 0;
-    if (percent != nullptr && (address.sin6_scope_id = scope_of(percent + 1)) == 0)
+    if (percent != nullptr && (IN6_IS_ADDR_V4MAPPED(&address.sin6_addr) ||  // shown as IPv4: no interface
+                               (address.sin6_scope_id = scope_of(percent + 1)) == 0))
         return 0;
     std::memcpy(&out, &address, sizeof address);
     return sizeof address;

@@ -19,7 +19,7 @@ constexpr kind_ops kinds[] = {
      },
      true, ws_step,
      [](lua_State* L, void* record, const char* reason) { ws_do_close(L, static_cast<ws_record*>(record), reason); }},
-    {METATABLE_TCP, [](lua_State* L, int32_t fd, int* error) -> int { return tcp_recv(L, fd, error); }, true, nullptr,
+    {METATABLE_TCP, [](lua_State* L, int32_t fd, int* error) -> int { return tcp_recv(L, fd, error); }, true, tcp_step,
      [](lua_State* L, void* record, const char* reason) { tcp_do_close(L, static_cast<tcp_record*>(record), reason); }},
     {METATABLE_UDP, [](lua_State* L, int32_t fd, int*) { return udp_recv(L, fd); }, false, nullptr,
      [](lua_State* L, void* record, const char* reason) { udp_do_close(L, static_cast<udp_record*>(record), reason); }},

@@ -22,16 +22,21 @@ void field_error(lua_State* L, const char* key, const char* expected) {
 // One opt-in key: absent leaves the field as it is (zero, that is off).
 struct option_row {
     const char* key;
-    enum : uint8_t { text, seconds } kind;
+    enum : uint8_t { text, seconds, boolean } kind;
     std::size_t offset;  // of the field in the record it fills
+    bool tcp_only;
 };
 
 // Read in this order; a new key is one more row (and a reader for a new kind).
 constexpr option_row guard_rows[] = {
-    {"cafile", option_row::text, offsetof(stream_guard, cafile)},
-    {"capath", option_row::text, offsetof(stream_guard, capath)},
-    {"servername", option_row::text, offsetof(stream_guard, servername)},
-    {"io_timeout", option_row::seconds, offsetof(stream_guard, io_timeout)},
+    {"cafile", option_row::text, offsetof(stream_guard, cafile), false},
+    {"capath", option_row::text, offsetof(stream_guard, capath), false},
+    {"servername", option_row::text, offsetof(stream_guard, servername), false},
+    {"io_timeout", option_row::seconds, offsetof(stream_guard, io_timeout), false},
+    {"nonblocking", option_row::boolean, offsetof(stream_guard, nonblocking), false},
+    {"max_queue", option_row::seconds, offsetof(stream_guard, max_queue), false},
+    {"connect_timeout", option_row::seconds, offsetof(stream_guard, connect_timeout), true},
+    {"host", option_row::text, offsetof(stream_guard, host), true},
 };
 
 // The value on top, 0 or more seconds (NaN refused).
@@ -55,6 +60,13 @@ void read_row(lua_State* L, const option_row& row, char* base) {
         return;
     if (row.kind == option_row::text) {
         get_tbl_str(L, -2, row.key, *reinterpret_cast<char(*)[TEXT_FIELD_SIZE]>(base + row.offset));
+        return;
+    }
+    if (row.kind == option_row::boolean) {
+        if (!lua_isboolean(L, -1))
+            field_error(L, row.key, "boolean");
+        base[row.offset] = static_cast<char>(lua_toboolean(L, -1));
+        lua_pop(L, 1);
         return;
     }
     const double seconds = read_seconds(L, row.key);
@@ -90,13 +102,23 @@ void get_tbl_num(lua_State* L, int index, const char* key, int32_t* out) {
     lua_pop(L, 1);
 }
 
-void read_guard(lua_State* L, stream_guard& guard) {
+void read_guard(lua_State* L, stream_guard& guard, bool tcp) {
     guard = {};
     for (const option_row& row : guard_rows)
-        read_row(L, row, reinterpret_cast<char*>(&guard));
+        if (tcp || !row.tcp_only)
+            read_row(L, row, reinterpret_cast<char*>(&guard));
+    lua_getfield(L, -1, "rfc6455");
+    const bool standard = !tcp && lua_toboolean(L, -1) != 0;  // the standard mode has a max_queue of its own
+    lua_pop(L, 1);
+    const bool loop_keys = (guard.max_queue > 0 && !standard) || guard.connect_timeout > 0 || guard.host[0] != '\0';
+    if (loop_keys && !guard.nonblocking)
+        luaL_argerror(L, lua_gettop(L), "max_queue, connect_timeout and host need nonblocking = true");
     if (guard.cafile[0] != '\0' || guard.capath[0] != '\0' || guard.servername[0] != '\0' || guard.io_timeout > 0)
         WS_LOG("cafile '%s' capath '%s' servername '%s' io_timeout %g\n", guard.cafile, guard.capath,
                guard.servername, guard.io_timeout);
+    if (guard.nonblocking)
+        WS_LOG("nonblocking, max_queue %g connect_timeout %g host '%s'\n", guard.max_queue, guard.connect_timeout,
+               guard.host);
 }
 
 // ---- standard mode ----

@@ -150,7 +150,7 @@ void note_socket(void* argument, ares_socket_t fd, int read, int write) {
 // Called from c-ares, also when the channel goes (then the query is no longer pending).
 void take_answer(void* argument, int status, int, ares_addrinfo* result) {
     resolve_query& query = *static_cast<resolve_query*>(argument);
-    if (query.state == resolve_state::pending && status == ARES_SUCCESS) {
+    if (query.state == resolve_state::pending && status == ARES_SUCCESS && result != nullptr) {
         for (const ares_addrinfo_node* node = result->nodes; node != nullptr; node = node->ai_next)
             keep(query, node->ai_addr, node->ai_addrlen);
         finish(query);
@@ -317,8 +317,8 @@ resolve_query* resolve_start(const char* name, uint16_t port, int timeout_ms) {
     if (length != 0) {
         keep(*query, reinterpret_cast<const sockaddr*>(&literal), length);
         finish(*query);
-    } else if (const std::size_t length = std::strlen(name);
-               length == 0 || length - (name[length - 1] == '.') > longest_name) {
+    } else if (const std::size_t name_length = std::strlen(name);
+               name_length == 0 || name_length - (name[name_length - 1] == '.') > longest_name) {
         fail(*query, failure::bad_name);
     } else {
         start_query(*query, name);

@@ -82,6 +82,8 @@ frame_step frame_decode(frame_decoder& d, std::span<const uint8_t> in) {
     return {frame_event::need_more, used, {}, false, 0};
 }
 
+uint64_t frame_bytes_needed(const frame_decoder& d) { return d.in_payload ? d.left : header_length(d) - d.have; }
+
 std::size_t frame_header_encode(uint8_t out[WS_HEADER_MAX], bool fin, uint8_t opcode, uint64_t length,
                                 const uint8_t key[WS_KEY_SIZE]) {
     out[0] = static_cast<uint8_t>((fin ? FIN_BIT : 0) | (opcode & OPCODE_BITS));

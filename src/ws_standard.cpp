@@ -7,12 +7,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
+#include "address_text.h"
 #include "callbacks.h"
+#include "fdset.h"
+#include "loop_conn.h"
 #include "conn_table.h"
 #include "connect_machine.h"
 #include "net.h"
@@ -58,12 +61,6 @@ struct std_conn {
     uint8_t input[INPUT_SIZE];
 };
 
-int64_t now_ms() {
-    timespec t{};
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
-}
-
 void release_conn(void* session) {
     auto* c = static_cast<std_conn*>(session);
     ws_session_free(c->session);
@@ -80,6 +77,11 @@ std_conn* conn_of(int32_t fd) { return conn_in(conn_at(fd)); }
 std_conn* still(int32_t fd, uint64_t serial) { return conn_in(conn_find(fd, serial)); }
 
 std::size_t queued(const std_conn& c) { return c.queue_end - c.queue_start; }
+
+// Decrypted bytes waiting in the TLS session: select() cannot see them.
+bool tls_holds_bytes(const std_conn& c) {
+    return c.secure && tls_live(c.tls_serial) && tls_pending(c.tls) > 0;
+}
 
 // ---- writing ----
 
@@ -173,6 +175,8 @@ void schedule(const std_conn& c) {
     entry->wants = queued(c) != 0 ? conn_wait::write : conn_wait::none;
     int64_t nearest = 0;
     const auto consider = [&](int64_t at) { nearest = nearest == 0 || at < nearest ? at : nearest; };
+    if (tls_holds_bytes(c))
+        consider(1);  // due at once: the step reads them
     if (c.close_until != 0)
         consider(c.close_until);
     if (c.ping_ms > 0 && c.ping_at == 0 && c.close_until == 0)
@@ -229,7 +233,8 @@ bool peer_close(lua_State* L, std_conn& c, const ws_out& e) {
     c.peer_closed = true;
     c.code = e.code;
     c.reason_size = static_cast<uint8_t>(std::min(e.bytes.size(), sizeof c.reason));
-    std::memcpy(c.reason, e.bytes.data(), c.reason_size);
+    if (c.reason_size != 0)
+        std::memcpy(c.reason, e.bytes.data(), c.reason_size);
     if (c.close_asked)
         return true;  // ours was sent: the server ends the TCP connection
     const ws_framed answer = ws_session_close_frame(c.session, e.code, {});
@@ -241,7 +246,7 @@ bool peer_close(lua_State* L, std_conn& c, const ws_out& e) {
         close_quietly(L, c.fd, "closed by server");
         return false;
     }
-    c.close_until = now_ms() + c.close_ms;
+    c.close_until = monotonic_ms() + c.close_ms;
     return true;
 }
 
@@ -284,6 +289,33 @@ void stream_ended(lua_State* L, std_conn& c) {
 
 constexpr connect_texts kTexts{"ssl connect fail!", "ssl_connect_fail"};
 
+// An IPv6 literal as the host: the record's descriptor becomes an IPv6
+// socket under the same number (its registrations stay) and connects within
+// `timeout` seconds (0: a plain blocking connect). 0, or -1 with errno.
+int connect_ipv6(ws_record& ws, const sockaddr_storage& address, socklen_t length) {
+    const int fresh = socket(AF_INET6, SOCK_STREAM, 0);
+    if (fresh == -1)
+        return -1;
+    const int moved = dup2(fresh, ws.sockfd);
+    close(fresh);
+    if (moved == -1 || (ws.timeout != 0 && set_nonblocking(ws.sockfd) == -1))
+        return -1;
+    int result = connect(ws.sockfd, reinterpret_cast<const sockaddr*>(&address), length);
+    if (result == -1 && errno == EINPROGRESS) {
+        timeval wait{ws.timeout, 0};
+        int ready;
+        while ((ready = select_single(ws.sockfd, wait_for::write, &wait)) == -1 && errno == EINTR) {
+        }
+        errno = ready == 0 ? ETIMEDOUT : errno;
+        result = ready == 1 ? connect_finished(ws.sockfd) : -1;
+    }
+    const int error = errno;
+    if (ws.timeout != 0 && deactivate_nonblock(ws.sockfd) == -1)
+        return -1;
+    errno = error;
+    return result;
+}
+
 connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connect_state& c, ws_upgrade& u,
                                 std::span<char> text) {
     ws_url_parts parts{};
@@ -299,8 +331,16 @@ connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connec
     char host[TEXT_FIELD_SIZE + 8];
     std::snprintf(host, sizeof host, port == standard_port || parts.port_written ? "%s" : "%s:%u",
                   parts.host_header, static_cast<unsigned>(port));
+    sockaddr_storage v6{};
+    const socklen_t v6_length = std::strchr(parts.host, ':') != nullptr ? address_parse(parts.host, port, AF_INET6, v6) : 0;
+    if (v6_length != 0) {
+        if (connect_ipv6(*ws, v6, v6_length) == -1 ||
+            (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1))
+            return connect_failed(nullptr, nullptr);
+        c.phase = parts.secure ? connect_phase::tls : connect_phase::send_upgrade;
+    }
     char server_ip[16] = {};
-    if (get_ip(parts.host, server_ip) == nullptr)
+    if (v6_length == 0 && get_ip(parts.host, server_ip) == nullptr)
         return connect_failed("domain name resolution fail, get server ip fail!",
                               "domain name resolution fail, get server ip fail!", "Get server_ip: \n", "return -1\n");
     WS_LOG("%s: %s port %u, target %s\n", ws->url, server_ip, static_cast<unsigned>(port), parts.target);
@@ -339,17 +379,20 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     entry->phase = connect_phase::open;
     entry->session = c;
     entry->release = release_conn;
-    ws_session_init(c->session, static_cast<std::size_t>(o.max_message));
+    ws_session_init(c->session, static_cast<std::size_t>(std::min(o.max_message, static_cast<double>(SIZE_MAX / 2))));
     c->fd = ws.sockfd;
     c->serial = serial;
     c->secure = ws.is_secure == 1;
     c->tls = ws.ssl;
     c->tls_serial = ws.tls_serial;
-    c->max_queue = static_cast<std::size_t>(o.max_queue);
-    c->close_ms = static_cast<int64_t>(o.close_timeout * 1000);
-    c->ping_ms = static_cast<int64_t>(o.ping_interval * 1000);
-    c->pong_ms = static_cast<int64_t>(o.pong_timeout * 1000);
-    c->heard_at = now_ms();
+    // the options are whole numbers up to 2^53: bounded to what the fields hold
+    static constexpr double most_bytes = static_cast<double>(SIZE_MAX / 2), most_ms = 1e15;
+    const auto ms = [](double seconds) { return static_cast<int64_t>(std::min(seconds * 1000, most_ms)); };
+    c->max_queue = static_cast<std::size_t>(std::min(o.max_queue, most_bytes));
+    c->close_ms = ms(o.close_timeout);
+    c->ping_ms = ms(o.ping_interval);
+    c->pong_ms = ms(o.pong_timeout);
+    c->heard_at = monotonic_ms();
     c->code = CLOSE_ABNORMAL;
     if (pending != nullptr)
         std::memcpy(pending, leftover.data(), leftover.size());
@@ -387,9 +430,10 @@ int standard_opened(lua_State* L, ws_record* ws, const standard_options& o, std:
             std::free(c->pending);
             c->pending = nullptr;
             c->in_receive = false;
-            schedule(*c);
         }
     }
+    if (c != nullptr)
+        schedule(*c);  // the keepalive's first deadline
     push_record_copy(L, *ws, METATABLE_WS);
     return 1;
 }
@@ -443,7 +487,7 @@ int ws_standard_receive(lua_State* L, int32_t fd, int* error) {
             stream_ended(L, *c);
             return 1;
         }
-        c->heard_at = now_ms();
+        c->heard_at = monotonic_ms();
         c->ping_at = 0;
         c->in_receive = true;
         if ((c = consume(L, c, c->input, static_cast<std::size_t>(n))) == nullptr)
@@ -463,11 +507,14 @@ int ws_standard_step(lua_State* L, int32_t fd) {
     std_conn* c = conn_of(fd);
     if (c == nullptr || c->in_receive)
         return 0;
+    int error = 0;
+    if (tls_holds_bytes(*c))  // left by a receive that gave the other sockets their turn
+        return ws_standard_receive(L, fd, &error), 0;
     if (flush(*c) == -1) {
         fail_with(L, fd, nullptr);
         return 0;
     }
-    const int64_t now = now_ms();
+    const int64_t now = monotonic_ms();
     if (c->close_until != 0 && (now >= c->close_until || (!c->close_asked && queued(*c) == 0))) {
         close_quietly(L, fd, c->close_asked ? "User do close" : "closed by server");
         return 0;
@@ -521,7 +568,7 @@ int ws_standard_send(lua_State* L, ws_record* ws) {
         return 1;
     }
     if (kind == 2 && c->pong_ms > 0 && c->ping_at == 0)
-        c->ping_at = now_ms();
+        c->ping_at = monotonic_ms();
     schedule(*c);
     lua_pushinteger(L, static_cast<lua_Integer>(length));
     return 1;
@@ -555,7 +602,7 @@ void ws_standard_close(lua_State* L, ws_record* ws) {
         return;
     }
     c->close_asked = true;
-    c->close_until = now_ms() + c->close_ms;
+    c->close_until = monotonic_ms() + c->close_ms;
     schedule(*c);
 }
 

@@ -47,11 +47,12 @@ bool is_name_char(char c) {
 // what a request line may carry: visible ASCII; a fragment is not sent
 bool is_target_char(char c) { return c > ' ' && c < 0x7f && c != '#'; }
 
+// No zone: a "%25" in a URL is not worth its cost here.
 bool is_ipv6(std::string_view text) {
     char copy[INET6_ADDRSTRLEN];
     in6_addr address{};
-    if (text.size() >= sizeof copy)
-        return false;
+    if (text.size() >= sizeof copy || text.find_first_not_of("0123456789abcdefABCDEF:.") != npos)
+        return false;  // inet_pton would stop at a zero byte
     std::memcpy(copy, text.data(), text.size());
     copy[text.size()] = '\0';
     return inet_pton(AF_INET6, copy, &address) == 1;

@@ -5,8 +5,10 @@
 #     into LMOD_DIR under the prefix, and nothing else (absolute dirs: under
 #     DESTDIR); `--strip` drops the module's symbols;
 #   package_test.sh rock SOURCE_DIR: the release tarball and rockspec from
-#     scripts/dist.sh, `luarocks pack`, and `luarocks build` into a private tree
-#     for each of Lua 5.1 to 5.4, each loaded by its interpreter.
+#     scripts/dist.sh, `luarocks pack`, `luarocks build` of both, `luarocks
+#     make` in the unpacked tarball with the root rockspec and with the one
+#     for mbedTLS, one Lua each of 5.1 to 5.4 into a private tree: each module
+#     stripped and loaded by its interpreter.
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 work="$(mktemp -d)"
@@ -45,15 +47,29 @@ luarocks lint "$rockspec"
 (cd "$work/dist" && quiet luarocks pack "$rockspec")
 src_rock="$(echo "$work"/dist/ws_client-*.src.rock)"
 [ -f "$src_rock" ] || { echo "luarocks pack made no source rock" >&2; exit 1; }
+# A checkout as the tarball has it, and the rockspec for mbedTLS made in it.
+tar -C "$work" -xzf "$work"/dist/ws_client-*.tar.gz
+checkout="$(echo "$work"/ws_client-*/)"
+mbedtls_rockspec="$("$checkout/scripts/rockspec.sh" -t mbedtls "$work/mbedtls")"
 export CMAKE_BUILD_PARALLEL_LEVEL=2
-for version in 5.1 5.2 5.3 5.4; do
-  # 5.1 from the rockspec (it fetches the tarball), the others from the source rock alone.
-  from="$src_rock"; [ "$version" = 5.1 ] && from="$rockspec"
-  (cd "$work" && quiet luarocks --lua-version "$version" --tree "$work/tree" build "$from")
+# how VERSION: the release rockspec (it fetches the tarball), the source rock
+# alone, `luarocks make` in the checkout, the same on mbedTLS.
+for how in "build 5.1" "build-src 5.2" "make 5.3" "make-mbedtls 5.4"; do
+  version="${how#* }" how="${how% *}"
+  case "$how" in
+    build) (cd "$work" && quiet luarocks --lua-version "$version" --tree "$work/tree" build "$rockspec") ;;
+    build-src) (cd "$work" && quiet luarocks --lua-version "$version" --tree "$work/tree" build "$src_rock") ;;
+    make) (cd "$checkout" && quiet luarocks --lua-version "$version" --tree "$work/tree" make) ;;
+    make-mbedtls) (cd "$checkout" && rm -rf build.luarocks &&
+      quiet luarocks --lua-version "$version" --tree "$work/tree" make "$mbedtls_rockspec") ;;
+  esac
   module="$work/tree/lib/lua/$version/ws_client.so"
   [ -f "$module" ] || { echo "no $module" >&2; find "$work/tree" -name ws_client.so >&2; exit 1; }
+  ! readelf -S "$module" | grep -q '\.symtab' || { echo "luarocks $how installed an unstripped module" >&2; exit 1; }
+  [ "$how" != make-mbedtls ] || readelf -d "$module" | grep -q 'libmbedtls\.so' ||
+    { echo "the mbedTLS rockspec built a module without mbedTLS" >&2; exit 1; }
   LUA_CPATH="${module%ws_client.so}?.so" "lua$version" "$here/lua/load_module.lua"
   LUA_CPATH="${module%ws_client.so}?.so" LUA_PATH="$work/tree/share/lua/$version/?.lua" "lua$version" \
     -e 'assert(require("ws_client.easy").run)'
-  echo "luarocks build $(basename "$from") for Lua $version: loaded with lua$version"
+  echo "luarocks $how for Lua $version: stripped, loaded with lua$version"
 done

@@ -47,7 +47,7 @@ TEST(AddressText, ParsedForTheSocketFamilyAndFormattedUnmapped) {
         {"2001:DB8::1", AF_INET6, "6 2001:db8::1 7"}, {"fe80::1%lo", AF_INET6, "6 fe80::1%lo 7"},
         {"fe80::1%999999", AF_UNSPEC, "6 fe80::1%999999 7"}, {"::1", AF_INET, "-"}, {"fe80::1%nosuchif", AF_INET6, "-"},
         {"fe80::1%", AF_INET6, "-"}, {"127.1", AF_INET, "-"}, {"1.2.3.4 ", AF_UNSPEC, "-"}, {"", AF_INET6, "-"},
-        {"1:2:3:4:5:6:7:8:9", AF_INET6, "-"}};
+        {"1:2:3:4:5:6:7:8:9", AF_INET6, "-"}, {"::ffff:1.2.3.4%lo", AF_INET6, "-"}};
     for (const auto& [text, family, expected] : rows) {
         sockaddr_storage address;
         std::memset(&address, 0xee, sizeof address);

@@ -39,6 +39,16 @@ endif()
 # On the device the module needs the C and TLS libraries only.
 add_test(NAME module_dependencies COMMAND ${script_tests_dir}/module_deps.sh $<TARGET_FILE:ws_client>)
 
+# With WS_CLIENT_EXPECT_TLS_LIBRARY (a file name): the module in the
+# interpreter maps that TLS library, not another version on the search path.
+set(WS_CLIENT_EXPECT_TLS_LIBRARY "" CACHE STRING "File name of the TLS library the loaded module must map")
+if(WS_CLIENT_EXPECT_TLS_LIBRARY)
+  add_test(NAME tls_library_${WS_CLIENT_LUA_BIN}
+           COMMAND ${WS_CLIENT_INTERPRETER} ${script_tests_dir}/lua/tls_library.lua ${WS_CLIENT_EXPECT_TLS_LIBRARY})
+  set_tests_properties(tls_library_${WS_CLIENT_LUA_BIN} PROPERTIES
+    ENVIRONMENT "LUA_CPATH=${PROJECT_BINARY_DIR}/?.so" TIMEOUT 60)
+endif()
+
 # Standard mode against two independent servers, python3-websockets and Node's ws: one entry each.
 foreach(server python node)
   add_test(NAME interop_${server}_${WS_CLIENT_LUA_BIN}

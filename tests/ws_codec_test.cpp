@@ -123,13 +123,17 @@ TEST(WsCodec, WireRowsWholeAndInPieces) {
             EXPECT_EQ(feed_in_pieces(wire, piece), events) << name << ", pieces of " << piece;
 }
 
-TEST(WsCodec, WholeFrameUncopiedAndStoreGivenBack) {
+TEST(WsCodec, BytesNeededWholeFrameUncopiedAndStoreGivenBack) {
     ws_session s;
     ws_session_init(s, LIMIT);
     const std::string two = F(0x82, A(5000)) + F(0x02, A(30000)) + F(0x80, "b");
     const std::span<const uint8_t> in(reinterpret_cast<const uint8_t*>(two.data()), two.size());
-    EXPECT_EQ(ws_session_feed(s, in).bytes.data(), in.data() + 4);
-    EXPECT_EQ(show(ws_session_feed(s, in.subspan(5004))), "binary #30001");
+    EXPECT_EQ(ws_session_feed(s, in).bytes.data(), in.data() + 4);  // whole in the input: not copied
+    EXPECT_EQ(ws_session_feed(s, in.subspan(5004, 3)).used, 3u);
+    EXPECT_EQ(frame_bytes_needed(s.frames), 1u);  // the 16-bit length's second byte
+    EXPECT_EQ(ws_session_feed(s, in.subspan(5007, 2)).what, ws_event::none);
+    EXPECT_EQ(frame_bytes_needed(s.frames), 29999u);
+    EXPECT_EQ(show(ws_session_feed(s, in.subspan(5009))), "binary #30001");
     EXPECT_GE(s.store_capacity, 30001u);
     EXPECT_EQ(ws_session_feed(s, {}).what, ws_event::none);
     EXPECT_EQ(s.store_capacity, 0u);

@@ -2,8 +2,9 @@
 """Mutation runner: applies the mutants of a list one at a time to a copy of
 the source tree, rebuilds incrementally and runs the fast test set (plain
 GoogleTest build, fuzz seed replays, script-level examples; a mutant marked
-`memory` runs in the sanitizer build instead). Prints one row per mutant and
-a last line `killed K of N`.
+`memory` runs in the sanitizer build instead, one marked `mbedtls36` in a
+build on mbedTLS 3.6, scripts/test_mbedtls36.sh's). Prints one row per
+mutant and a last line `killed K of N`.
 
   tools/mutate.py [--list tools/mutants.txt] [--work build-mutants]
                   [--only ID[,ID...]] [--killed FILE] [--baseline FILE] [--all-tests]
@@ -14,7 +15,7 @@ the unit tests that failed.
 
 The list holds blocks separated by blank lines ('#' starts a comment line):
 
-  [id] src/unit.cpp [memory]
+  [id] src/unit.cpp [memory|mbedtls36]
   find:    exact text, unique in the file
   replace: its replacement
   why:     one line: the real fault this stands for
@@ -41,8 +42,8 @@ TEST_LIMIT = 420  # seconds for one test run; longer counts as a kill by time-ou
 
 
 class Mutant:
-    def __init__(self, ident, path, memory, line):
-        self.ident, self.path, self.memory, self.line = ident, path, memory, line
+    def __init__(self, ident, path, kind, line):
+        self.ident, self.path, self.kind, self.line = ident, path, kind, line
         self.find = self.replace = self.why = self.equivalent = None
 
 
@@ -56,9 +57,9 @@ def parse_list(path):
                 continue
             if line.lstrip().startswith("#"):
                 continue
-            head = re.match(r"\[([\w.-]+)\]\s+(\S+)(\s+memory)?\s*$", line)
+            head = re.match(r"\[([\w.-]+)\]\s+(\S+)(?:\s+(memory|mbedtls36))?\s*$", line)
             if head:
-                current = Mutant(head.group(1), head.group(2), bool(head.group(3)), number)
+                current = Mutant(head.group(1), head.group(2), head.group(3) or "plain", number)
                 mutants.append(current)
                 continue
             field = re.match(r"(find|replace|why|equivalent):\s?\s*(.*)$", line)
@@ -111,10 +112,19 @@ def run(command, limit=None, env=None, quiet=True):
         return None, process.communicate()[0].decode(errors="replace")
 
 
-def configure(tree, build, sanitize):
+def mbedtls36_settings(work):
+    """(environment, CMake options) of a build on mbedTLS 3.6."""
+    status, output = run([os.path.join(ROOT, "scripts", "test_mbedtls36.sh"), "--settings", work])
+    if status != 0:
+        sys.exit("no mbedTLS 3.6 root:\n" + output)
+    lines = output.split()
+    return dict(os.environ, LD_LIBRARY_PATH=lines[0].split("=", 1)[1]), lines[1:]
+
+
+def configure(tree, build, kind, extra):
     if os.path.isfile(os.path.join(build, "CMakeCache.txt")):
         return
-    options = ["-DCMAKE_BUILD_TYPE=Debug", "-DWS_CLIENT_SANITIZE=%s" % ("ON" if sanitize else "OFF")]
+    options = ["-DCMAKE_BUILD_TYPE=Debug", "-DWS_CLIENT_SANITIZE=%s" % ("ON" if kind == "memory" else "OFF")] + extra
     status, output = run(["cmake", "-S", tree, "-B", build] + options)
     if status != 0:
         sys.exit("configure failed:\n" + output)
@@ -125,12 +135,11 @@ def build(build_dir, jobs):
     return status == 0, output
 
 
-def failed_tests(build_dir, jobs, sanitize, part="all"):
+def failed_tests(build_dir, jobs, env, part="all"):
     """The tests that fail. part "staged": the script-level examples (the
     slowest tests) run only when the unit tests and replays all pass."""
     if part == "staged":
-        return failed_tests(build_dir, jobs, sanitize, "unit") or failed_tests(build_dir, jobs, sanitize, "examples")
-    env = dict(os.environ, ASAN_OPTIONS="detect_leaks=1") if sanitize else None
+        return failed_tests(build_dir, jobs, env, "unit") or failed_tests(build_dir, jobs, env, "examples")
     selection = {"all": ["-E", EXCLUDED_TESTS], "unit": ["-E", EXCLUDED_TESTS + "|examples"],
                  "examples": ["-R", "examples"]}[part]
     status, output = run(["ctest", "--test-dir", build_dir, "-j", str(jobs)] + selection, limit=TEST_LIMIT, env=env)
@@ -169,22 +178,26 @@ def main():
         mutants = [m for m in mutants if m.ident in wanted]
     started = time.time()
     tree = os.path.join(args.work, "tree")
-    builds = {False: os.path.join(args.work, "plain"), True: os.path.join(args.work, "asan")}
+    builds = {kind: os.path.join(args.work, kind) for kind in ("plain", "memory", "mbedtls36")}
+    builds["memory"] = os.path.join(args.work, "asan")
+    envs, extra = {"plain": None, "memory": dict(os.environ, ASAN_OPTIONS="detect_leaks=1")}, {}
     sync_tree(tree)
-    kinds = sorted({m.memory for m in mutants})
-    for sanitize in kinds:
-        configure(tree, builds[sanitize], sanitize)
-        ok, output = build(builds[sanitize], args.jobs)
+    kinds = sorted({m.kind for m in mutants})
+    for kind in kinds:
+        if kind == "mbedtls36":
+            envs[kind], extra[kind] = mbedtls36_settings(builds[kind])
+        configure(tree, builds[kind], kind, extra.get(kind, []))
+        ok, output = build(builds[kind], args.jobs)
         if not ok:
             sys.exit("the unmutated tree does not build:\n" + output[-3000:])
-        failed = failed_tests(builds[sanitize], args.test_jobs, sanitize)
+        failed = failed_tests(builds[kind], args.test_jobs, envs[kind])
         if failed:
-            sys.exit("the unmutated tree fails %s in %s: fix that first" % (", ".join(failed), builds[sanitize]))
+            sys.exit("the unmutated tree fails %s in %s: fix that first" % (", ".join(failed), builds[kind]))
     print("unmutated tree passes (%.0f s)" % (time.time() - started), flush=True)
 
     results = {}
     # Grouped by file: only the mutated unit and the one restored are rebuilt.
-    for m in sorted(mutants, key=lambda m: (m.memory, m.path)):
+    for m in sorted(mutants, key=lambda m: (m.kind, m.path)):
         target = os.path.join(tree, m.path)
         original = open(target, encoding="utf-8").read() if os.path.isfile(target) else ""
         count = original.count(m.find) if m.find else 0
@@ -194,28 +207,27 @@ def main():
             with open(target, "w", encoding="utf-8") as f:
                 f.write(original.replace(m.find, m.replace))
             mutant_start = time.time()
-            ok, output = build(builds[m.memory], args.jobs)
+            ok, output = build(builds[m.kind], args.jobs)
             if not ok:
                 results[m.ident] = ("NO BUILD", output.split("error:")[1].split("\n")[0].strip()
                                     if "error:" in output else "build failed")
             else:
-                failed = failed_tests(builds[m.memory], args.test_jobs, m.memory,
+                failed = failed_tests(builds[m.kind], args.test_jobs, envs[m.kind],
                                       "all" if args.all_tests else "staged")
                 results[m.ident] = ("killed" if failed else "survived", short(failed))
             with open(target, "w", encoding="utf-8") as f:
                 f.write(original)
             results[m.ident] += (time.time() - mutant_start,)
         print("  %-22s %-9s %s" % (m.ident, results[m.ident][0], results[m.ident][1]), flush=True)
-    build(builds[False], args.jobs)  # leave the plain build unmutated
-    if True in kinds:
-        build(builds[True], args.jobs)
+    for kind in kinds:  # leave the builds unmutated
+        build(builds[kind], args.jobs)
 
     print("\n%-22s %-18s %-9s %s" % ("mutant", "file", "result", "failed tests / note"))
     for m in mutants:
         result, note = results[m.ident][:2]
         if result == "survived" and m.equivalent:
             note = "equivalent: " + m.equivalent
-        tag = " (asan)" if m.memory else ""
+        tag = {"plain": "", "memory": " (asan)", "mbedtls36": " (3.6)"}[m.kind]
         print("%-22s %-18s %-9s %s" % (m.ident, os.path.basename(m.path) + tag, result, note))
     killed = [m for m in mutants if results[m.ident][0] == "killed"]
     counted = [m for m in mutants if results[m.ident][0] in ("killed", "survived")]

@@ -1,12 +1,11 @@
---! Template (lines starting "--!" are dropped): `make dist` writes
---! ws_client-<version>-1.rockspec from it, with the version from VERSION and
---! the URL the release tarball is served from.
+-- A checkout builds with `luarocks make` (OpenSSL). scripts/rockspec.sh
+-- derives from this file the rockspec for mbedTLS or wolfSSL (TLS=...) and
+-- the release's (`make dist`: the version from VERSION, the tarball's URL).
 rockspec_format = "3.0"
 package = "ws_client"
-version = "@VERSION@-1"
+version = "dev-1"
 source = {
-   url = "@URL@",
-   dir = "ws_client-@VERSION@",
+   url = "git+file://.",
 }
 description = {
    summary = "WebSocket, TCP and UDP client sockets with one select() event loop",
@@ -16,7 +15,8 @@ WebSocket clients (ws:// and wss://), TCP clients (plain, or TLS with a client
 certificate; chunked HTTP answers decoded), UDP sockets, and a single-threaded
 event loop with callbacks and a periodic function; ws_client.easy, a plain Lua
 companion, adds objects with methods, nil-and-error results, timers and
-reconnecting. Needs OpenSSL 3, CMake and a C++20 compiler.
+reconnecting. Needs CMake, a C++20 compiler and one TLS library: OpenSSL 3,
+mbedTLS 2.28 or 3.6, or wolfSSL (the external dependency named below).
 ]],
    license = "MIT",
    labels = { "websocket", "tcp", "udp", "tls", "networking" },
@@ -36,12 +36,13 @@ build = {
       WS_CLIENT_INSTALL_CMOD = "$(LIBDIR)",
       -- and ws_client/easy.lua under its Lua module directory
       WS_CLIENT_INSTALL_LMOD = "$(LUADIR)",
-      -- luarocks' own Lua headers and OpenSSL, not pkg-config's
+      WS_CLIENT_INSTALL_STRIP = "ON",
+      -- luarocks' own Lua headers and TLS library, not pkg-config's
       LUA_INCDIR = "$(LUA_INCDIR)",
       LUA_LIBDIR = "$(LUA_LIBDIR)",
-      OPENSSL_ROOT_DIR = "$(OPENSSL_DIR)",
-      OPENSSL_INCLUDE_DIR = "$(OPENSSL_INCDIR)",
-      OPENSSL_LIBDIR = "$(OPENSSL_LIBDIR)",
+      WS_CLIENT_TLS = "openssl",
+      WS_CLIENT_TLS_INCDIR = "$(OPENSSL_INCDIR)",
+      WS_CLIENT_TLS_LIBDIR = "$(OPENSSL_LIBDIR)",
       WS_CLIENT_TESTS = "OFF",
       WS_CLIENT_SCRIPT_TESTS = "OFF",
    },
