@@ -9,13 +9,14 @@ os.execute(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 
 local cmd = arg[1] == "node" and "node " .. peers .. "/interop_server.js"
   or "/usr/bin/python3 " .. peers .. "/interop_server.py"
 -- the peer prints its two ports into tmp and ends when this pipe closes
-local peer, ports = io.popen(("exec %s %s.crt %s.key >%s"):format(cmd, tmp, tmp, tmp), "w"), nil
-for _ = 1, 300 do
-  local f = io.open(tmp); ports = f and f:read("*l"); if f then f:close() end
-  if ports then break end
+local peer, port = io.popen(("exec %s %s.crt %s.key >%s"):format(cmd, tmp, tmp, tmp), "w"), {}
+for _ = 1, 300 do  -- the whole line
+  local f = io.open(tmp); local text = f and f:read("*a") or ""; if f then f:close() end
+  port.ws, port.wss = text:match("^(%d+) (%d+)\n")
+  if port.ws then break end
   ws.sleep(0.05)
 end
-local port = { ws = tonumber(ports:match("^%d+")), wss = tonumber(ports:match(" (%d+)")) }
+port.ws, port.wss = assert(tonumber(port.ws), "the peer did not start"), tonumber(port.wss)
 
 local ev  -- the current connection and what it saw
 local function connect(scheme, path, opts)
