@@ -356,7 +356,11 @@ int main(int argc, char** argv) {
         const int size = argc > 4 ? std::atoi(argv[4]) : 32;
         const double done = module_round_trips(server.port, size, 1e6, limit, standard);
         stop_echo_server(server);
-        std::printf("%.0f round trips of %d bytes\n", done, size);
+        rusage usage{};
+        getrusage(RUSAGE_SELF, &usage);
+        std::printf("%.0f round trips of %d bytes; client CPU: user %ld.%06ld s, system %ld.%06ld s\n", done, size,
+                    static_cast<long>(usage.ru_utime.tv_sec), static_cast<long>(usage.ru_utime.tv_usec),
+                    static_cast<long>(usage.ru_stime.tv_sec), static_cast<long>(usage.ru_stime.tv_usec));
         return done == static_cast<double>(limit) ? 0 : 1;
     }
     const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
