@@ -224,7 +224,8 @@ constexpr const char* kBigScript = R"(
     local c = ws.ws_connect(ws.ws_new(), { url = 'ws://127.0.0.1/', crt = '', prikey = '', port = port,
         timeout = 3, type = 0, rfc6455 = true, max_message = size,
         on_message = function(data) got = data == text; ws.loop_stop() end,
-        on_close = function(reason, code) closed = true; failed = failed or got == nil and 'closed: ' .. tostring(code); ws.loop_stop() end,
+        on_close = function(reason, code)
+            closed = true; failed = failed or got == nil and 'closed: ' .. tostring(code); ws.loop_stop() end,
         on_error = function(e, message) failed = message; ws.loop_stop() end })
     if not c then error('connect failed') end
     collectgarbage(); collectgarbage()

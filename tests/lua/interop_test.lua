@@ -42,7 +42,10 @@ local function pump(stop, seconds)
 end
 local function shown(i) local d = ev.got[i]
   return d and ("%s %d bytes %q"):format(tostring(ev.kinds[i]), #d, d:sub(1, 24)) or "nothing" end
-local function closed() return ev.close and ("closed %s %q (%s)"):format(tostring(ev.close[2]), ev.close[3], tostring(ev.close[1])) or "no close" end
+local function closed()
+  return ev.close and ("closed %s %q (%s)"):format(tostring(ev.close[2]), ev.close[3], tostring(ev.close[1]))
+    or "no close"
+end
 
 local failed, total = 0, 0
 local function row(group, name, fn, ...)
@@ -56,7 +59,8 @@ end
 local function expect(list)  -- {data, kind} in order, nothing more
   for i, want in ipairs(list) do
     if ev.got[i] ~= want[1] or ev.kinds[i] ~= want[2] then
-      return ("message %d: %s, wanted %s %d bytes; %d in all; %s"):format(i, shown(i), want[2], #want[1], #ev.got, closed())
+      return ("message %d: %s, wanted %s %d bytes; %d in all; %s"):format(i, shown(i), want[2], #want[1], #ev.got,
+        closed())
     end
   end
   if #ev.got ~= #list then return ("%d messages, wanted %d"):format(#ev.got, #list) end
@@ -74,7 +78,8 @@ local function server_saw(scheme, want)
   if (ev.got[1] or ""):sub(1, #want) ~= want then return "server saw " .. shown(1) .. ", wanted " .. want end
 end
 
-local unit = { text = "The quick brown fox jumps over the lazy dog; 0123456789.\n", binary = "\0\1\127\128\254\255\r\n data" }
+local unit = { text = "The quick brown fox jumps over the lazy dog; 0123456789.\n",
+  binary = "\0\1\127\128\254\255\r\n data" }
 local function payload(kind, size, mark)
   local s = unit[kind]:rep(math.ceil(size / #unit[kind])):sub(1, size)
   return mark and ("%04d"):format(mark) .. s:sub(5) or s
@@ -142,7 +147,8 @@ for _, scheme in ipairs({ "ws", "wss" }) do
     pump(has(1), 5)
     for _, line in ipairs({ "/headers?a=1&b=%20x", "host: 127.0.0.1:" .. port[scheme], "authorization: Bearer t0k3n",
         "x-device-id: dev 7", "sec-websocket-version: 13" }) do
-      if not ("\n" .. (ev.got[1] or "")):find("\n" .. line .. "\n", 1, true) then return "no " .. line .. " in " .. shown(1) end
+      if not ("\n" .. (ev.got[1] or "")):find("\n" .. line .. "\n", 1, true) then
+        return "no " .. line .. " in " .. shown(1) end
     end
   end)
   for _, case in ipairs({ { 1000, 1000 }, { 1000, 1001, 1009 } }) do
@@ -162,7 +168,8 @@ for _, scheme in ipairs({ "ws", "wss" }) do
       result = ws.ws_send(ev.c, list[#list][1], "binary")
     until result == 0 or #list == 1000
     list[#list] = nil
-    if result ~= 0 or ev.errors ~= 1 then return ("send gave %s after %d, %d on_error"):format(result, #list, ev.errors) end
+    if result ~= 0 or ev.errors ~= 1 then
+      return ("send gave %s after %d, %d on_error"):format(result, #list, ev.errors) end
     pump(has(#list), 30)
     ws.ws_send(ev.c, "after"); list[#list + 1] = { "after", "text" }
     pump(has(#list), 5)

@@ -41,7 +41,8 @@ const paths = {
     const report = (tries) => (others && tries ? setTimeout(report, 10, tries - 1) : ws.send(lastClose));
     report(500);
   },
-  '/headers': (ws, q, req) => ws.send(req.url + '\n' + req.rawHeaders.map((v, i) => (i % 2 ? `${v}\n` : `${v.toLowerCase()}: `)).join('')),
+  '/headers': (ws, q, req) => ws.send(req.url + '\n'
+    + req.rawHeaders.map((v, i) => (i % 2 ? `${v}\n` : `${v.toLowerCase()}: `)).join('')),
 };
 
 function behave(ws, req) {
