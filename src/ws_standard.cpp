@@ -159,6 +159,17 @@ int submit(std_conn& c, std::span<const uint8_t> frame) {
             return -1;
         done = static_cast<std::size_t>(n);
     }
+    if (queued(c) == 0 && done < frame.size() && frame.data() == c.session.send) {
+        // the frame's own buffer becomes the queue: a large rest is not copied
+        std::free(c.queue);
+        c.queue = c.session.send;
+        c.queue_capacity = c.session.send_capacity;
+        c.queue_start = done;
+        c.queue_end = frame.size();
+        c.session.send = nullptr;
+        c.session.send_capacity = 0;
+        return 0;
+    }
     if (!queue_append(c, frame.data() + done, frame.size() - done)) {
         errno = ENOMEM;
         return -1;
@@ -385,7 +396,7 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     c->secure = ws.is_secure == 1;
     c->tls = ws.ssl;
     c->tls_serial = ws.tls_serial;
-    // the options are whole numbers up to 2^53: bounded to what the fields hold
+    // the options are numbers up to 2^53: bounded to what the fields hold
     static constexpr double most_bytes = static_cast<double>(SIZE_MAX / 2), most_ms = 1e15;
     const auto ms = [](double seconds) { return static_cast<int64_t>(std::min(seconds * 1000, most_ms)); };
     c->max_queue = static_cast<std::size_t>(std::min(o.max_queue, most_bytes));

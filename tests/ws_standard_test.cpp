@@ -144,3 +144,11 @@ TEST_F(WsStandardTest, Ipv6LiteralIsConnected) {
     LUA_OK("note(select('#', ws.ws_connect(ws.ws_new(), sopts(1, { url = 'ws://[::1]:1/' }))))");
     EXPECT_EQ(events(), "error:" + std::string(std::strerror(ECONNREFUSED)) + "|close:" + std::strerror(ECONNREFUSED) + ":nil:nil|0");
 }
+
+// Regression: a connection that never sent nor received was never pinged.
+TEST_F(WsStandardTest, IdleConnectionIsPinged) {
+    peers::script_peer peer({{step::upgrade, kAnswer}, {step::drain}});
+    EXPECT_EQ(exchange(peer, "", "{ ping_interval = 0.2, pong_timeout = 0.2 }"),
+              "open:nil|error:pong timeout|close:pong timeout:1006:nil");
+    EXPECT_EQ(sent(peer), "137:");
+}
