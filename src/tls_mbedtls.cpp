@@ -21,10 +21,12 @@
 #include <psa/crypto.h>
 #endif
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -47,6 +49,9 @@ struct tls_session {
     mbedtls_ssl_context ssl;
     int fd;
     bool broken;  // the stream ended without a close-notify or failed: no more writes
+    // A record cut short by a full socket: mbedTLS must be called again with
+    // the same length, which it then reports written whole.
+    std::size_t pending_write;
     // Opt-in: what the server's certificate must match; address_size 4 or 16
     // when it is an address literal (then in `address`), 0 for a DNS name.
     char identity[256];
@@ -469,11 +474,23 @@ long tls_write(tls_session* session, const void* bytes, std::size_t size) {
     const auto* from = static_cast<const unsigned char*>(bytes);
     std::size_t done = 0;
     while (done < total) {
-        const int written = mbedtls_ssl_write(&session->ssl, from + done, total - done);
+        const std::size_t ask = session->pending_write != 0 ? std::min(session->pending_write, total - done) : total - done;
+        const int written = mbedtls_ssl_write(&session->ssl, from + done, ask);
+        if (written == MBEDTLS_ERR_SSL_WANT_WRITE) {
+            session->pending_write = ask;
+            // on a non-blocking socket what went out is a short write; a
+            // blocking one was cut off (signal or io_timeout): a failure
+            const int saved_errno = errno;
+            const int flags = fcntl(session->fd, F_GETFL);
+            errno = saved_errno;
+            if (done > 0 && flags != -1 && (flags & O_NONBLOCK) != 0)
+                return static_cast<long>(done);
+        }
         if (written <= 0) {
             note_failure(written);
             return -1;
         }
+        session->pending_write = 0;
         done += static_cast<std::size_t>(written);
     }
     return static_cast<long>(done);

@@ -472,10 +472,14 @@ int ws_standard_connect(lua_State* L, ws_record* ws, const standard_options& o) 
     if (outcome.what != connect_outcome::failed)
         outcome = connect_blocking(c);
     if (outcome.what != connect_outcome::opened) {
+        connect_release(c);
         ws_report_failed_connect(L, ws, outcome);
         return 0;
     }
-    return standard_opened(L, ws, o, u.chosen, connect_leftover(c));
+    // the bytes after the answer are copied into the connection before any callback
+    const int results = standard_opened(L, ws, o, u.chosen, connect_leftover(c));
+    connect_release(c);
+    return results;
 }
 
 bool ws_standard_at(int32_t fd) { return conn_of(fd) != nullptr; }
