@@ -10,9 +10,10 @@ local ws_client = require("ws_client")
 
 local host = os.getenv("PEER_HOST") or "127.0.0.1"
 local ports = { ws = tonumber(os.getenv("PEER_WS_PORT")) or 8801, wss = tonumber(os.getenv("PEER_WSS_PORT")) or 8802 }
-local blob = {}
-for i = 0, 99999 do blob[#blob + 1] = string.char(i % 256) end
-blob = table.concat(blob)
+-- every byte value, repeated (no modulo: emulated LuaJIT gets it wrong on some targets)
+local bytes = {}
+for b = 0, 255 do bytes[#bytes + 1] = string.char(b) end
+local blob = table.concat(bytes):rep(391):sub(1, 100000)
 local done = 0
 
 local function connect(scheme)
