@@ -7,17 +7,22 @@
 --
 -- Prints one line, "KIND interpreter loaded one hundred" in kB of VmRSS:
 -- before require, after require, after one connection has exchanged a
--- message, after 100 have (the first included). ws, wss, tls and udp stay
+-- message, after 100 have (the first included); then the same four in kB of
+-- VmSize (virtual). ws, wss, tls and udp stay
 -- open until the end; tcp asks the peer's HTTP service, which closes after
 -- its answer (the plain TCP receive reads until the peer closes). One kind
 -- per process, so that each kind pays its own first-use costs.
 local kind = arg[1]
+local unpack = unpack or table.unpack
+
+local virtual = {}  -- VmSize at each point rss_kb is asked for
 
 local function rss_kb()
   collectgarbage("collect")
   local file = assert(io.open("/proc/self/status"))
   local text = file:read("*a")
   file:close()
+  virtual[#virtual + 1] = tonumber(text:match("VmSize:%s*(%d+) kB"))
   return tonumber(text:match("VmRSS:%s*(%d+) kB"))
 end
 
@@ -148,4 +153,4 @@ open(1)
 local one = rss_kb()
 open(99)
 local hundred = rss_kb()
-finish(string.format("%s %d %d %d %d", kind, interpreter, loaded, one, hundred))
+finish(string.format("%s %d %d %d %d %d %d %d %d", kind, interpreter, loaded, one, hundred, unpack(virtual)))

@@ -3,7 +3,7 @@
 // returns an outcome and reports nothing; the caller reports a failure once
 // (on_error, the close). With a blocking descriptor the steps wait as the
 // designed connect always did (connect time-out, the TLS library's own
-// waits, 5 s for the answer); otherwise a step that cannot go on says what
+// waits, 5 s for the answer or io_timeout when set); otherwise a step that cannot go on says what
 // the descriptor must become, for a loop to wait on. Lua-free.
 #pragma once
 
@@ -15,6 +15,7 @@
 
 #include "fdset.h"
 #include "handshake.h"
+#include "heap_buffer.h"
 #include "ws_client.h"
 
 enum class connect_phase : uint8_t { tcp, tls, send_upgrade, read_upgrade, open };
@@ -53,8 +54,7 @@ struct connect_state {
     char request[1024];  // host and path are record-sized: the request always fits
     std::size_t request_length;
     std::size_t sent;
-    char* answer;  // the answer's bytes so far (taken by the read phase)
-    std::size_t answer_capacity;
+    heap_buffer answer;  // the answer's bytes so far (taken by the read phase)
     std::size_t have;
     answer_scan scan;
     std::size_t answer_used;  // opened: the answer's length
@@ -69,6 +69,8 @@ connect_outcome connect_blocking(connect_state& c);
 
 // What came after the upgrade answer in its reads (frames), once open.
 std::span<const char> connect_leftover(const connect_state& c);
+// Gives back what the connect holds (the answer); the leftover goes with it.
+void connect_release(connect_state& c);
 
 // A failed outcome (errno saved now) with the texts given.
 connect_outcome connect_failed(const char* message, const char* reason, const char* log_before = nullptr,

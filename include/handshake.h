@@ -50,7 +50,8 @@ struct answer_check {
 // the block ended without it, or a zero byte came first. Needs more otherwise.
 answer_check check_upgrade_answer(std::span<const char> got, const char* expected_accept, answer_scan& scan);
 
-// The designed rule over one read: the status line and the accept value
+// The designed rule over one read: the status line, then the accept value
 // anywhere in the text after the name (header block ended or not).
 bool answer_status_ok(std::span<const char> got);
-inline bool answer_accepted(const answer_scan& scan) { return scan.value_end != 0; }
+// 0 when ws->sec_ws_accept follows "Sec-WebSocket-Accept" in `answer` (text).
+int check_ws_accept(const ws_record* ws, const char* answer);

@@ -16,18 +16,31 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <cstddef>
 
+#include "heap_buffer.h"
 #include "tls.h"
 
 // `tls` null: plain recv/send on fd; otherwise the session (bound to fd).
 long stream_read(int fd, tls_session* tls, void* into, std::size_t size);
 long stream_write(int fd, tls_session* tls, const void* bytes, std::size_t size);
 
+// One read of at most `room` bytes into `buffer` at offset `at`, returning
+// what one read into a room that large returns, with the buffer grown only
+// to what came: a read that fills the buffer is followed by reads that do not
+// wait, for bytes already there (decrypted bytes on TLS, where one read
+// returns one record). errno as the first read left it; -1 with ENOMEM when
+// the buffer cannot grow.
+long stream_read_grow(int fd, tls_session* tls, heap_buffer& buffer, std::size_t at, std::size_t room);
+
 // Bounds every blocking wait of a read or write on fd to `seconds` (> 0;
 // SO_RCVTIMEO/SO_SNDTIMEO, set once: no cost per call). 0 or -1 (errno).
 int stream_bound_waits(int fd, double seconds);
+// `seconds` (> 0) as the wait bound the socket gets: capped at 1e9 s, and
+// never the zero that would mean no bound.
+timeval bound_wait(double seconds);
 // For a call on fd that failed outside the two above (the TLS handshake): a
 // bounded wait that ran out turns errno from EAGAIN into ETIMEDOUT.
 void stream_note_timeout(int fd, int option = SO_RCVTIMEO);

@@ -16,10 +16,7 @@
 namespace {
 
 constexpr long kAnswerWaitSeconds = 5;
-constexpr std::size_t kAnswerCapacity = 1048576;
-
-// One read buffer for every handshake.
-char answer_buffer[kAnswerCapacity];
+constexpr std::size_t kAnswerCapacity = 1048576;  // one read of at most this less one byte
 
 constexpr connect_outcome next_phase{connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
 
@@ -123,45 +120,55 @@ connect_outcome step_send_upgrade(connect_state& c) {
     return c.blocking || c.sent == c.request_length ? next_phase : again(wait_for::write);
 }
 
-// The designed answer: one read after a wait of at most 5 s, checked as
-// text (the status line, then the accept value after its header's name).
+// The wait for the answer: 5 s, or io_timeout when the script set one (a
+// wait that runs out is then ETIMEDOUT, as every bounded wait's).
+bool answer_arrives(const connect_state& c) {
+    const double bound = guard_of(c).io_timeout;
+    timeval wait = bound > 0 ? bound_wait(bound) : timeval{kAnswerWaitSeconds, 0};
+    const int ready = select_single(c.fd, wait_for::read, &wait);
+    if (ready == 0 && bound > 0)
+        errno = ETIMEDOUT;
+    return ready > 0;
+}
+
+// The designed answer: one read after the wait, checked as text (the status
+// line, then the accept value after its header's name).
 connect_outcome read_answer_once(connect_state& c, bool live, tls_session* tls) {
-    timeval wait{kAnswerWaitSeconds, 0};
-    if (select_single(c.fd, wait_for::read, &wait) <= 0)
+    if (!answer_arrives(c))
         return handshake_failed();
-    const long nread = live ? stream_read(c.fd, tls, c.answer, c.answer_capacity - 1) : -1;
+    const long nread = live ? stream_read_grow(c.fd, tls, c.answer, 0, kAnswerCapacity - 1) : -1;
     c.have = nread > 0 ? static_cast<std::size_t>(nread) : 0;  // a failed read counts as an empty answer
-    c.answer[c.have] = '\0';
-    WS_LOG_IN("handshake", "handshake_result", "handshake_result is:\n%s\n", c.answer);
+    if (!heap_grow(c.answer, c.have))
+        return handshake_failed();  // (the spare byte after it is the terminator)
+    char* const answer = reinterpret_cast<char*>(c.answer.bytes);
+    WS_LOG_IN("handshake", "handshake_result", "handshake_result is:\n%s\n", answer);
     if (nread == 0 || (nread == -1 && errno != EINTR && errno != EAGAIN)) {
         WS_LOG_IN("handshake", "handshake_result", "handshake_result nread is %d\n", static_cast<int>(nread));
         return handshake_failed();
     }
-    const std::span<const char> got(c.answer, c.have);
+    const std::span<const char> got(answer, c.have);
     const answer_check check = check_upgrade_answer(got, c.ws->sec_ws_accept, c.scan);
-    if (!answer_status_ok(got))
+    if (!answer_status_ok(got) || check_ws_accept(c.ws, answer) != 0)
         return handshake_failed();
-    WS_LOG_IN("handshake", "check_ws_accept", "ws_accept is %s\n", c.scan.name_at != 0 ? c.answer + c.scan.name_at - 1 : "(null)");
-    if (!answer_accepted(c.scan))
-        return handshake_failed();
-    WS_LOG_IN("handshake", "handshake_result", "handshake_result is:\n%s\n", c.answer);
+    WS_LOG_IN("handshake", "handshake_result", "handshake_result is:\n%s\n", answer);
     c.answer_used = check.what == answer_verdict::complete ? check.used : c.have;
     return next_phase;
 }
 
 // Reads until the answer is complete: what follows it stays for the caller.
 connect_outcome read_answer_whole(connect_state& c, tls_session* tls) {
-    if (c.have + 1 >= c.answer_capacity)
+    if (c.have + 1 >= kAnswerCapacity)
         return handshake_failed();
-    const long nread = stream_read(c.fd, tls, c.answer + c.have, c.answer_capacity - 1 - c.have);
+    const long nread = stream_read_grow(c.fd, tls, c.answer, c.have, kAnswerCapacity - 1 - c.have);
     if (nread == -1 && would_block())
         return again(wait_for::read);
     if (nread <= 0)
         return handshake_failed();
     c.have += static_cast<std::size_t>(nread);
-    const answer_check check = check_upgrade_answer({c.answer, c.have}, c.ws->sec_ws_accept, c.scan);
+    const char* const answer = reinterpret_cast<const char*>(c.answer.bytes);
+    const answer_check check = check_upgrade_answer({answer, c.have}, c.ws->sec_ws_accept, c.scan);
     if (check.what == answer_verdict::needs_more)
-        return c.have + 1 < c.answer_capacity ? again(wait_for::read) : handshake_failed();
+        return c.have + 1 < kAnswerCapacity ? again(wait_for::read) : handshake_failed();
     if (check.what == answer_verdict::refused)
         return handshake_failed();
     c.answer_used = check.used;
@@ -169,10 +176,6 @@ connect_outcome read_answer_whole(connect_state& c, tls_session* tls) {
 }
 
 connect_outcome step_read_upgrade(connect_state& c) {
-    if (c.answer == nullptr) {
-        c.answer = answer_buffer;
-        c.answer_capacity = sizeof answer_buffer;
-    }
     tls_session* tls = nullptr;
     const bool live = stream_of(c, &tls);
     const connect_outcome outcome = c.blocking ? read_answer_once(c, live, tls)
@@ -222,7 +225,9 @@ connect_outcome connect_blocking(connect_state& c) {
 }
 
 std::span<const char> connect_leftover(const connect_state& c) {
-    if (c.phase != connect_phase::open || c.answer == nullptr)
+    if (c.phase != connect_phase::open || c.answer.bytes == nullptr)
         return {};
-    return {c.answer + c.answer_used, c.have - c.answer_used};
+    return {reinterpret_cast<const char*>(c.answer.bytes) + c.answer_used, c.have - c.answer_used};
 }
+
+void connect_release(connect_state& c) { heap_trim(c.answer, 0); }

@@ -164,6 +164,14 @@ int format_handshake_request(std::span<char> out, const char* path, const char* 
     return length;
 }
 
+int check_ws_accept(const ws_record* ws, const char* answer) {
+    const char* header = std::strstr(answer, kAcceptHeader);
+    WS_LOG("ws_accept is %s\n", header != nullptr ? header : "(null)");
+    if (header == nullptr || ws->sec_ws_accept[0] == '\0')
+        return -1;  // nothing to search from, or nothing to search for: a mismatch
+    return std::strstr(header, ws->sec_ws_accept) != nullptr ? 0 : -1;
+}
+
 bool answer_status_ok(std::span<const char> got) {
     const std::string_view status(kStatusPrefix);
     return got.size() >= status.size() && std::string_view(got.data(), status.size()) == status;

@@ -9,7 +9,7 @@
 #error "the heap buffers must stay free of the interpreter"
 #endif
 
-bool heap_grow(heap_buffer& buffer, std::size_t size) {
+bool heap_grow_to(heap_buffer& buffer, std::size_t size) {
     if (size <= buffer.capacity && buffer.bytes != nullptr)
         return true;
     // doubling keeps the copies in proportion to the bytes that come
@@ -31,5 +31,25 @@ void heap_trim(heap_buffer& buffer, std::size_t keep) {
     if (buffer.capacity <= keep)
         return;
     std::free(buffer.bytes);
-    buffer = {};
+    buffer.bytes = nullptr;
+    buffer.capacity = 0;
+}
+
+void heap_claim(heap_buffer& buffer, int fd) {
+    if (buffer.owner != fd)
+        heap_trim(buffer, HEAP_KEEP);
+    buffer.owner = fd;
+}
+
+void heap_done(heap_buffer& buffer, int fd) {
+    if (buffer.owner != fd)
+        heap_trim(buffer, HEAP_KEEP);
+}
+
+void heap_disown(heap_buffer& buffer, int fd, bool in_use) {
+    if (buffer.owner != fd)
+        return;
+    buffer.owner = -1;
+    if (!in_use)
+        heap_trim(buffer, HEAP_KEEP);
 }

@@ -31,10 +31,12 @@ namespace {
 // capacity are left.
 constexpr std::size_t READ_CHUNK = 2048;
 
-// The receive buffer and the decoded body. Only the bytes a delivery uses are
-// ever written.
-char received_text[TCP_RECV_BUFFER_SIZE];
-char decoded_body[TCP_RECV_BUFFER_SIZE];
+// The receive buffer and the decoded body: taken when a delivery needs
+// them, as large as it needs (up to TCP_RECV_BUFFER_SIZE), kept while small.
+heap_buffer received_text{};
+heap_buffer decoded_body{};
+
+char* text_of(heap_buffer& buffer) { return reinterpret_cast<char*>(buffer.bytes); }
 
 // on_error(errno, message), then the close with `reason` (null: the text of
 // errno as on_error left it). The record's object is on the caller's stack.
@@ -91,6 +93,7 @@ int do_tcp_connect(lua_State* L, tcp_record* record) {
     connect_outcome outcome = prepare_connect(record, c);
     if (outcome.what != connect_outcome::failed)
         outcome = connect_blocking(c);
+    connect_release(c);
     if (outcome.what == connect_outcome::opened)
         return 1;
     errno = outcome.error;
@@ -127,7 +130,9 @@ void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
     if (record->status == TCP_STATUS_OPEN)
         sock_rem(record->sockfd);
     if (record->sockfd != -1) {
-        conn_drop(record->sockfd);  // the connection's state goes with its descriptor
+        conn_drop(record->sockfd);  // the connection's state and buffers go with its descriptor
+        heap_disown(received_text, record->sockfd);
+        heap_disown(decoded_body, record->sockfd);
         if (close(record->sockfd) == -1)
             WS_LOG("close %d: %s\n", record->sockfd, std::strerror(errno));
         tcp_udata_close(L, record->sockfd);
@@ -172,7 +177,13 @@ ssize_t safe_read(int fd, void* buffer, std::size_t length) {
     return result;
 }
 
-int32_t full_read(int fd, char* dest, std::size_t capacity, std::size_t* text_length) {
+namespace {
+
+// full_read's loop over any destination: room(at, want) is where `want`
+// bytes and a terminator may go from offset `at` (null: no memory; the
+// reading stops and the rest waits in the socket).
+template <typename Room>
+int32_t gather(int fd, std::size_t capacity, std::size_t* text_length, Room room) {
     // Reads land straight after the text gathered so far: a zero byte ends
     // the text there, and the next read overwrites what followed it.
     std::size_t text = 0;
@@ -180,25 +191,32 @@ int32_t full_read(int fd, char* dest, std::size_t capacity, std::size_t* text_le
     int empty_reads = 0;
     ssize_t got = 0;
     do {
-        const std::size_t room = capacity > text + 1 ? capacity - text - 1 : 0;
-        const std::size_t want = std::min(READ_CHUNK - 1, room);
-        if (want == 0)
+        const std::size_t space = capacity > text + 1 ? capacity - text - 1 : 0;
+        const std::size_t want = std::min(READ_CHUNK - 1, space);
+        char* const into = want != 0 ? room(text, want) : nullptr;
+        if (into == nullptr)
             break;
-        got = safe_read(fd, dest + text, want);
+        got = safe_read(fd, into, want);
         if (got == 0 && ++empty_reads > 2)
             break;
         if (got > 0) {
             empty_reads = 0;
-            text += strnlen(dest + text, static_cast<std::size_t>(got));
+            text += strnlen(into, static_cast<std::size_t>(got));
             total += static_cast<int32_t>(got);
         }
     } while (got >= 0 && static_cast<std::size_t>(total) + READ_CHUNK <= capacity);
-    if (capacity > 0)
-        dest[text] = '\0';
-    WS_LOG("---------full_read------end\n");
+    if (char* end = capacity > 0 ? room(text, 0) : nullptr)
+        *end = '\0';
+    WS_LOG_AS("full_read", "---------full_read------end\n");
     if (text_length != nullptr)
         *text_length = text;
     return total;
+}
+
+}  // namespace
+
+int32_t full_read(int fd, char* dest, std::size_t capacity, std::size_t* text_length) {
+    return gather(fd, capacity, text_length, [dest](std::size_t at, std::size_t) { return dest + at; });
 }
 
 namespace {
@@ -206,24 +224,41 @@ namespace {
 // Replaces a chunked response in `received` by its header block, a line
 // break, the decoded body and a line break. Leaves the raw text when there is
 // no header block or nothing was decoded.
-void decode_chunked_response(char* received, std::size_t text_length) {
-    const std::string_view text(received, text_length);
+void decode_chunked_response(std::size_t text_length) {
+    const std::string_view text(text_of(received_text), text_length);
     WS_LOG("===chenked=====\n");
     std::size_t header_length = 0;
     if (get_head(text, &header_length) == 0)
         return;
     std::size_t body_length = 0;
-    de_chunked(text, decoded_body, &body_length);  // a partial decode is used as it stands
+    // the body is shorter than its encoding: text_length bytes always hold it
+    if (!heap_grow(decoded_body, text_length))
+        return;  // no memory: the raw text is delivered
+    de_chunked(text, std::span<char>(text_of(decoded_body), text_length), &body_length);  // a partial decode is used as it stands
     WS_LOG("-------de_chunked---------\n");
     if (body_length == 0)
         return;
     // The header block is the text's own prefix and is already followed by
     // "\r\n": only the body and the final line break are written.
-    if (header_length + 2 + body_length + 3 > TCP_RECV_BUFFER_SIZE)
+    if (header_length + 2 + body_length + 3 > TCP_RECV_BUFFER_SIZE ||
+        !heap_grow(received_text, header_length + 2 + body_length + 3))
         return;  // cannot happen: the decoded body is shorter than its encoding
-    char* tail = received + header_length + 2;
-    std::memcpy(tail, decoded_body, body_length);
+    char* tail = text_of(received_text) + header_length + 2;
+    std::memcpy(tail, text_of(decoded_body), body_length);
     std::memcpy(tail + body_length, "\r\n", 3);
+}
+
+
+// The plain receive: reads until the peer stops, chunked responses decoded.
+int32_t receive_plain(int32_t fd) {
+    WS_LOG_AS("tcp_recv", "---------------tpc_recv-----------------\n");
+    std::size_t text_length = 0;
+    const int32_t result = gather(fd, TCP_RECV_BUFFER_SIZE, &text_length, [](std::size_t at, std::size_t want) {
+        return heap_grow(received_text, at + want) ? text_of(received_text) + at : nullptr;
+    });
+    if (std::string_view(text_of(received_text), text_length).find("Transfer-Encoding: chunked") != std::string_view::npos)
+        decode_chunked_response(text_length);
+    return result;
 }
 
 }  // namespace
@@ -231,27 +266,29 @@ void decode_chunked_response(char* received, std::size_t text_length) {
 int32_t tcp_recv(lua_State* L, int32_t fd, int* err) {
     get_udata_by_sockfd(L, fd);
     tcp_record* record = check_tcp_client(L, -1);
-    char* received = received_text;
     int32_t result = 0;
     tls_session* tls = nullptr;
+    heap_claim(received_text, fd);
+    heap_claim(decoded_body, fd);
     if (record->is_secure == 1) {
         if (!record_stream(*record, &tls)) {  // released through another copy: closed
             errno = ENOTCONN;
             result = 0;
         } else {
             errno = 0;  // a stale EINTR/EAGAIN must not make a dead session look alive
-            result = static_cast<int32_t>(stream_read(fd, tls, received, TCP_RECV_BUFFER_SIZE - 1));
+            result = static_cast<int32_t>(stream_read_grow(fd, tls, received_text, 0, TCP_RECV_BUFFER_SIZE - 1));
         }
-        received[result > 0 ? result : 0] = '\0';
+        const int kept = errno;
+        if (heap_grow(received_text, result > 0 ? static_cast<std::size_t>(result) : 0))
+            text_of(received_text)[result > 0 ? result : 0] = '\0';
+        errno = kept;
     } else {
-        WS_LOG("---------------tpc_recv-----------------\n");
-        std::size_t text_length = 0;
-        result = full_read(fd, received, TCP_RECV_BUFFER_SIZE, &text_length);
-        if (std::string_view(received, text_length).find("Transfer-Encoding: chunked") != std::string_view::npos)
-            decode_chunked_response(received, text_length);
+        result = receive_plain(fd);
     }
     *err = errno;
-    if (result > 0)
-        receive_callback(L, fd, received, "", -1);
+    if (result > 0 && received_text.bytes != nullptr)
+        receive_callback(L, fd, text_of(received_text), "", -1);
+    heap_done(received_text, fd);
+    heap_done(decoded_body, fd);
     return result;
 }

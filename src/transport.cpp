@@ -30,7 +30,7 @@ void stream_note_timeout(int fd, int option) {
         errno = ETIMEDOUT;
 }
 
-int stream_bound_waits(int fd, double seconds) {
+timeval bound_wait(double seconds) {
     // plain conversions (no libm on the device): seconds >= 0 here, so the
     // cast truncates
     const double capped = seconds < 1e9 ? seconds : 1e9;
@@ -38,6 +38,11 @@ int stream_bound_waits(int fd, double seconds) {
     timeval wait{whole, static_cast<suseconds_t>((capped - static_cast<double>(whole)) * 1e6)};
     if (wait.tv_sec == 0 && wait.tv_usec == 0)
         wait.tv_usec = 1;  // a zero timeval would mean no bound at all
+    return wait;
+}
+
+int stream_bound_waits(int fd, double seconds) {
+    const timeval wait = bound_wait(seconds);
     if (setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait) != 0 ||
         setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait) != 0)
         return -1;
@@ -68,4 +73,47 @@ long stream_write(int fd, tls_session* tls, const void* bytes, std::size_t size)
         return -1;
     }
     return sent;
+}
+
+namespace {
+
+// The first read asks for this much at least (a page); what fills it is
+// continued.
+constexpr std::size_t kFirstRead = 4096;
+
+// A read that never waits: plain bytes already received, or decrypted bytes
+// the session holds. 0 when there are none.
+long read_ready(int fd, tls_session* tls, void* into, std::size_t size) {
+    if (tls == nullptr)
+        return static_cast<long>(recv(fd, into, size, MSG_DONTWAIT));
+    const std::size_t pending = tls_pending(tls);
+    return pending == 0 ? 0 : tls_read(tls, into, pending < size ? pending : size);
+}
+
+}  // namespace
+
+long stream_read_grow(int fd, tls_session* tls, heap_buffer& buffer, std::size_t at, std::size_t room) {
+    const std::size_t held = buffer.capacity > at ? buffer.capacity - at : 0;
+    std::size_t ask = held > kFirstRead ? held : kFirstRead;
+    ask = ask < room ? ask : room;
+    if (!heap_grow(buffer, at + ask))
+        return -1;
+    const long first = stream_read(fd, tls, buffer.bytes + at, ask);
+    if (first < 0 || static_cast<std::size_t>(first) < ask || ask == room)
+        return first;
+    const int kept = errno;
+    std::size_t total = static_cast<std::size_t>(first);
+    while (total < room) {
+        ask = total < room - total ? total : room - total;  // doubles what is held
+        if (!heap_grow(buffer, at + total + ask))
+            break;
+        const long more = read_ready(fd, tls, buffer.bytes + at + total, ask);
+        if (more <= 0)
+            break;
+        total += static_cast<std::size_t>(more);
+        if (static_cast<std::size_t>(more) < ask)
+            break;
+    }
+    errno = kept;
+    return static_cast<long>(total);
 }

@@ -11,6 +11,7 @@
 
 #include "callbacks.h"
 #include "conn_table.h"
+#include "heap_buffer.h"
 #include "socket_table.h"
 #include "tools.h"
 
@@ -49,9 +50,12 @@ int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* 
                                    sizeof address));
 }
 
-// One receive buffer for every UDP socket. It has a spare byte for the
-// terminator, so only the received bytes are ever written.
-static char buffer[UDP_RECV_CAPACITY + 1];
+// One receive buffer for every UDP socket, taken at the first datagram and
+// kept: an IPv4 datagram carries at most 65507 bytes, so this much holds
+// any (with a spare byte for the terminator).
+static heap_buffer received{};
+constexpr std::size_t kDatagramRoom = 65536;
+static_assert(kDatagramRoom <= UDP_RECV_CAPACITY);
 
 int udp_recv(lua_State* L, int32_t fd) {
     sockaddr_in source{};
@@ -60,16 +64,18 @@ int udp_recv(lua_State* L, int32_t fd) {
     int port = -1;
     // MSG_DONTWAIT: a callback earlier in the same pass may have closed this
     // descriptor and a new socket reused the number; it must not block then.
-    const ssize_t received = recvfrom(fd, buffer, UDP_RECV_CAPACITY, MSG_DONTWAIT,
-                                      reinterpret_cast<sockaddr*>(&source), &length);
-    if (received >= 0) {
-        buffer[received] = '\0';
+    if (!heap_grow(received, kDatagramRoom))
+        return -1;  // no memory: the datagram waits for the next pass
+    char* const buffer = reinterpret_cast<char*>(received.bytes);
+    const ssize_t got = recvfrom(fd, buffer, kDatagramRoom, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&source), &length);
+    if (got >= 0) {
+        buffer[got] = '\0';
         std::strncpy(from, inet_ntoa(source.sin_addr), sizeof from - 1);
         port = ntohs(source.sin_port);
         WS_LOG("receive from %s:%d, %d\n", from, port, source.sin_port);
         receive_callback(L, fd, buffer, from, port);
     }
-    return static_cast<int>(received);
+    return static_cast<int>(got);
 }
 
 void udp_do_close(lua_State* L, udp_record* record, const char* reason) {

@@ -54,19 +54,19 @@ long write_once(const ws_record& ws, const uint8_t* bytes, uint32_t size) {
     return stream_of(ws, &tls) ? stream_write(ws.sockfd, tls, bytes, size) : -1;
 }
 
-// One read of at most `size` bytes; an empty room reads as the end of the
-// stream without a call. A TLS read starts from errno 0: a TLS failure that
-// is no system call's must not leave a stale EINTR/EAGAIN for the loop to
-// retry on.
-long read_once(const ws_record& ws, uint8_t* into, std::size_t size) {
-    if (size == 0)
+// One read of at most `room` bytes into `buffer` at `at` (grown to what
+// comes); an empty room reads as the end of the stream without a call. A TLS
+// read starts from errno 0: a TLS failure that is no system call's must not
+// leave a stale EINTR/EAGAIN for the loop to retry on.
+long read_once(const ws_record& ws, heap_buffer& buffer, std::size_t at, std::size_t room) {
+    if (room == 0)
         return 0;
     tls_session* tls = nullptr;
     if (!stream_of(ws, &tls))
         return -1;
     if (tls != nullptr)
         errno = 0;
-    return stream_read(ws.sockfd, tls, into, size);
+    return stream_read_grow(ws.sockfd, tls, buffer, at, room);
 }
 
 // Empty control frame (pong or close) answered once, result unchecked.
@@ -78,7 +78,8 @@ void send_empty_frame(const ws_record& ws, FrameType type) {
 
 // ---- send ----
 
-uint8_t send_frame[WS_FRAME_CAPACITY];
+// The frame being sent: taken when first needed, kept while small.
+heap_buffer send_frame{};
 
 void trace_frame(const uint8_t* frame, uint32_t size) {
     if (!debug_log_enabled())
@@ -89,21 +90,46 @@ void trace_frame(const uint8_t* frame, uint32_t size) {
         WS_LOG("buf[%d] is %2x\n", static_cast<int>(i), frame[i]);
 }
 
+// The masked text frame in send_frame; null (errno ENOMEM) without memory.
+const uint8_t* build_frame(const char* data, std::size_t length, uint32_t* framesize) {
+    const auto* payload = reinterpret_cast<const uint8_t*>(data);
+    const auto payload_length = static_cast<uint32_t>(length);
+    WS_LOG_AS("ws_send", "data length is %u\n", payload_length);
+    if (!heap_grow(send_frame, WS_MAX_FRAME_HEADER + length))
+        return nullptr;
+    uint8_t* const frame = send_frame.bytes;
+    const uint32_t header = wsMakeFrameHeader(payload, payload_length, frame, WS_TEXT_FRAME);
+    wsMaskPayload(frame + header, payload, payload_length, frame + header - WS_MASK_KEY_SIZE);
+    *framesize = header + payload_length;
+    WS_LOG_AS("ws_send", "frame size is %u, header %u\n", *framesize, header);
+    trace_frame(frame, *framesize);
+    return frame;
+}
+
 // ---- receive ----
 
 // on_message may run a loop of its own, whose receive path must not touch the
 // frames the outer call has yet to walk: one frame buffer per nesting level.
-// Each holds the capacity plus a zero byte that is never overwritten, so
-// string scans end inside it. Bytes from `extent` on are zero; a call clears
+// Each reads as WS_FRAME_CAPACITY bytes and a zero byte that is never
+// overwritten, so string scans end inside it; only what the reads need is
+// held (the rest reads as zeros), and a buffer grown past HEAP_KEEP is given
+// back when its call ends. Bytes from `extent` on are zero; a call clears
 // only what the previous one wrote.
 constexpr int RECEIVE_LEVELS = 8;
 
 struct frame_buffer {
-    uint8_t bytes[WS_FRAME_CAPACITY + 1];
+    heap_buffer held;
     uint32_t extent;
 };
 frame_buffer frame_buffers[RECEIVE_LEVELS];
 int receive_depth = 0;
+
+// heap_claim / heap_done on a frame buffer; one given back reads as zeros.
+void hand_over(frame_buffer& buffer, int32_t fd, void (*step)(heap_buffer&, int)) {
+    step(buffer.held, fd);
+    if (buffer.held.bytes == nullptr)
+        buffer.extent = 0;
+}
 
 // One receive call: what the loop passed in, and where the walk stands.
 struct frame_walk {
@@ -121,10 +147,11 @@ struct frame_walk {
     FrameType type;
 };
 
-void note_written(frame_buffer& buffer, const uint8_t* end) {
-    const auto reach = static_cast<uint32_t>(end - buffer.bytes);
-    buffer.extent = std::max(buffer.extent, reach);
+void note_written(frame_buffer& buffer, std::size_t end) {
+    buffer.extent = std::max(buffer.extent, static_cast<uint32_t>(end));
 }
+
+uint8_t* bytes_of(const frame_walk& w) { return w.buffer->held.bytes; }
 
 // on_message(text, nil, -1): the payload up to datasize bytes or its first
 // zero byte. The byte after it is zeroed for the call and put back, so
@@ -142,13 +169,14 @@ void deliver_text(lua_State* L, int32_t fd, uint8_t* data, uint32_t datasize) {
 // A read at the end of what the walk holds. Bytes up to the first zero go
 // first: an earlier read's tail is overwritten.
 void read_frames(frame_walk& w) {
-    uint8_t* const frame = w.buffer->bytes;
-    std::memset(frame, 0, strnlen(reinterpret_cast<char*>(frame), WS_FRAME_CAPACITY));
+    heap_buffer& held = w.buffer->held;
+    if (held.bytes != nullptr)
+        std::memset(held.bytes, 0, strnlen(reinterpret_cast<char*>(held.bytes), held.capacity));
     WS_LOG_AS("walk_frames", w.ws->is_secure == 1 ? "recv with ssl\n" : "recv without ssl\n");
-    w.nread = static_cast<int32_t>(read_once(*w.ws, frame + w.total_len, WS_FRAME_CAPACITY - w.total_len));
+    w.nread = static_cast<int32_t>(read_once(*w.ws, held, w.total_len, WS_FRAME_CAPACITY - w.total_len));
     *w.err = errno;
     if (w.nread > 0)
-        note_written(*w.buffer, frame + w.total_len + w.nread);
+        note_written(*w.buffer, w.total_len + static_cast<std::size_t>(w.nread));
 }
 
 // The frame at offset_len, parsed as if total_len bytes followed it but never
@@ -158,8 +186,14 @@ bool parse_frame(frame_walk& w) {
     if (w.offset_len >= WS_FRAME_CAPACITY)
         return false;
     const uint32_t available = std::min(w.total_len, WS_FRAME_CAPACITY - w.offset_len);
+    // the header's bytes are held (zeros where nothing was read)
+    if (!heap_grow(w.buffer->held, w.offset_len + std::min<uint32_t>(available, WS_MAX_FRAME_HEADER))) {
+        w.nread = -1;
+        *w.err = errno;
+        return false;
+    }
     w.headerLength = 0;
-    w.type = wsParseInputFrame(w.buffer->bytes + w.offset_len, available, &w.data, &w.datasize, &w.headerLength);
+    w.type = wsParseInputFrame(bytes_of(w) + w.offset_len, available, &w.data, &w.datasize, &w.headerLength);
     if (w.type == WS_INCOMPLETE_FRAME && available < w.total_len) {
         WS_LOG_AS("walk_frames", "frame header cut at the end of the buffer\n");
         return false;
@@ -171,12 +205,13 @@ bool parse_frame(frame_walk& w) {
 // inside it is overwritten by the next read. 1 when complete, otherwise the
 // walk's result (-1 failed, 0 end of stream).
 int complete_text(frame_walk& w) {
-    uint8_t* const end = w.buffer->bytes + WS_FRAME_CAPACITY;
+    const std::size_t data_at = static_cast<std::size_t>(w.data - bytes_of(w));  // reads may move the buffer
     uint32_t have = static_cast<uint32_t>(strnlen(reinterpret_cast<char*>(w.data), w.datasize));
     while (have < w.datasize) {
         WS_LOG_AS("walk_frames", "Errno: %d, Error str: %s\n", errno, std::strerror(errno));
-        uint8_t* at = w.data + have;
-        const long got = read_once(*w.ws, at, static_cast<std::size_t>(end - at));
+        const std::size_t at = data_at + have;
+        const long got = read_once(*w.ws, w.buffer->held, at, WS_FRAME_CAPACITY - at);
+        w.data = bytes_of(w) + data_at;
         w.nread = static_cast<int32_t>(got);
         if (got == -1 && errno != EINTR && errno != EAGAIN) {
             *w.err = errno;
@@ -187,8 +222,8 @@ int complete_text(frame_walk& w) {
             return 0;
         }
         if (got > 0) {
-            note_written(*w.buffer, at + got);
-            have += static_cast<uint32_t>(strnlen(reinterpret_cast<char*>(at), w.datasize - have));
+            note_written(*w.buffer, at + static_cast<std::size_t>(got));
+            have += static_cast<uint32_t>(strnlen(reinterpret_cast<char*>(bytes_of(w) + at), w.datasize - have));
         }
     }
     return 1;
@@ -223,7 +258,8 @@ void answer_ping(frame_walk& w) {
 }
 
 int walk_frames(lua_State* L, frame_walk& w) {
-    std::memset(w.buffer->bytes, 0, w.buffer->extent);  // every call starts on a zeroed buffer
+    if (w.buffer->held.bytes != nullptr)
+        std::memset(w.buffer->held.bytes, 0, w.buffer->extent);  // every call starts on a zeroed buffer
     w.buffer->extent = 0;
     for (;;) {
         if (w.offset_len == 0)
@@ -370,6 +406,7 @@ int do_new_connect(lua_State* L, ws_record* ws) {
     connect_outcome outcome = prepare_connect(ws, c);
     if (outcome.what != connect_outcome::failed)
         outcome = connect_blocking(c);
+    connect_release(c);  // what followed the answer in its read is dropped, as designed
     return outcome.what == connect_outcome::opened ? 1 : report_failed_connect(L, ws, outcome);
 }
 
@@ -392,6 +429,17 @@ int ws_opened(lua_State* L, ws_record* ws) {
     return 1;
 }
 
+// The connection's large buffers go back with it (a frame buffer still
+// walked at its level when its walk ends).
+static void release_buffers(int32_t fd) {
+    for (int level = 0; level < RECEIVE_LEVELS; ++level) {
+        heap_disown(frame_buffers[level].held, fd, level < receive_depth);
+        if (frame_buffers[level].held.bytes == nullptr)
+            frame_buffers[level].extent = 0;
+    }
+    heap_disown(send_frame, fd);
+}
+
 void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     WS_LOG("will do ws_do_close\n");
     // A copy whose session went with another copy's close is closed already:
@@ -409,7 +457,8 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     if (ws->status == WS_STATUS_OPEN)
         sock_rem(ws->sockfd);  // other statuses leave the table alone, deliberately
     if (ws->sockfd != -1) {
-        conn_drop(ws->sockfd);  // the connection's state goes with its descriptor
+        conn_drop(ws->sockfd);  // the connection's state and buffers go with its descriptor
+        release_buffers(ws->sockfd);
         if (close(ws->sockfd) == -1)
             WS_LOG("close %d: %s\n", ws->sockfd, std::strerror(errno));
         ws_udata_close(L, ws->sockfd);
@@ -452,17 +501,12 @@ int ws_send(lua_State* L, ws_record* ws, const char* data, std::size_t length) {
         return 0;
     }
 
-    const auto* payload = reinterpret_cast<const uint8_t*>(data);
-    const auto payload_length = static_cast<uint32_t>(length);
-    WS_LOG("data length is %u\n", payload_length);
-    const uint32_t header = wsMakeFrameHeader(payload, payload_length, send_frame, WS_TEXT_FRAME);
-    wsMaskPayload(send_frame + header, payload, payload_length, send_frame + header - WS_MASK_KEY_SIZE);
-    const uint32_t framesize = header + payload_length;
-    WS_LOG("frame size is %u, header %u\n", framesize, header);
-    trace_frame(send_frame, framesize);
-
+    uint32_t framesize = 0;
+    heap_claim(send_frame, fd);
+    const uint8_t* frame = build_frame(data, length, &framesize);
     WS_LOG("will send buf\n");
-    const long sent = write_once(*ws, send_frame, framesize);  // once: a short write is not completed
+    // once: a short write is not completed; a frame with no memory fails as a write would (ENOMEM)
+    const long sent = frame != nullptr ? write_once(*ws, frame, framesize) : -1;
     WS_LOG("Send framsize is %zu\n", static_cast<std::size_t>(framesize));
     WS_LOG("Send len is %d\n", static_cast<int>(sent));
     if (sent == -1) {
@@ -507,8 +551,11 @@ int ws_recv(lua_State* L, int32_t fd, int* err) {
     lua_insert(L, -2);
     lua_pushlightuserdata(L, &walk);
     const int depth = receive_depth++;
+    frame_buffer& used = frame_buffers[depth];
+    hand_over(used, fd, heap_claim);
     const int status = lua_pcall(L, 2, 0, 0);
     receive_depth = depth;
+    hand_over(used, fd, heap_done);
     if (status != 0)
         lua_error(L);  // the lookup's error, passed on
     return walk.result;

@@ -160,6 +160,8 @@ TEST_F(ProtectTest, IoTimeoutBoundsEveryUnboundedWait) {
     for (const row& r : std::initializer_list<row>{
              {"tls handshake", false, "", "", "t0 = now(); ws.tcp_connect(ws.tcp_new(), tls_opts(port, keys))",
               "error:110:ssl_connect_fail\\|close:ssl_connect_fail", "error:[0-9]+:ssl_connect_fail\\|close:.*"},
+             {"ws answer", false, "", "", "t0 = now(); ws.ws_connect(ws.ws_new(), ws_opts('ws://127.0.0.1/', port, keys))",
+              "error:110:Connection timed out\\|close:handshake fail", "error:[0-9]+:[^|]*\\|close:handshake fail"},
              {"ws frame", true, cut_frame, "", "ws.ws_connect(ws.ws_new(), ws_opts('ws://127.0.0.1/', port, keys)); run_loop()",
               "open\\|error:110:Connection timed out\\|close:Connection timed out.*", "open\\|error:.*\\|close:.*"},
              {"tcp read to close", false, "partial", "", "ws.tcp_connect(ws.tcp_new(), tcp_opts(port, keys)); run_loop()",
