@@ -52,6 +52,9 @@ tar -C "$work" -xzf "$work"/dist/ws_client-*.tar.gz
 checkout="$(echo "$work"/ws_client-*/)"
 mbedtls_rockspec="$("$checkout/scripts/rockspec.sh" -t mbedtls "$work/mbedtls")"
 export CMAKE_BUILD_PARALLEL_LEVEL=2
+# under make test's ccache: the builds sit in different temporary directories,
+# and paths relative to them let the four share what they compile alike
+export CCACHE_BASEDIR="${TMPDIR:-/tmp}"
 # how VERSION: the release rockspec (it fetches the tarball), the source rock
 # alone, `luarocks make` in the checkout, the same on mbedTLS.
 for how in "build 5.1" "build-src 5.2" "make 5.3" "make-mbedtls 5.4"; do
