@@ -666,6 +666,21 @@ local PASS_OVER = {}
 local function pass_over() error(PASS_OVER, 0) end
 local function poll_once() core.loop_stop() end
 
+local function pass(timeout)
+  stirred = false
+  local t = fire_timers(clock())
+  local due = next_due()
+  local wait = math.floor(math.min(timeout, due and due - t or timeout, 86400))
+  if stirred then wait = 0 end  -- what a timer sent may be answered at once
+  local done, e = pcall(core.loop_start, wait == 0 and poll_once or pass_over, 1, wait)
+  if not done and e ~= PASS_OVER then done, e = pcall(recover, e) end
+  unshield()
+  if not done and e ~= PASS_OVER then error(e, 0) end
+  t = fire_timers(clock())
+  due = next_due()
+  return due and math.max(0, due - t) or nil
+end
+
 -- step(timeout): fires the timers that are due, runs one pass of the core's
 -- loop (one select() over the module's sockets, their callbacks), fires what
 -- came due meanwhile and returns the seconds until the next timer (nil: none).
@@ -677,20 +692,11 @@ function M.step(timeout)
     error("bad argument #1 to 'step' (seconds >= 0 expected)", 2)
   end
   if running or stepping then error("step: the loop is already running", 2) end
-  stirred = false
-  local t = fire_timers(clock())
-  local due = next_due()
-  local wait = math.floor(math.min(timeout, due and due - t or timeout, 86400))
-  if stirred then wait = 0 end  -- what a timer sent may be answered at once
   stepping = true
-  local done, e = pcall(core.loop_start, wait == 0 and poll_once or pass_over, 1, wait)
+  local ok, r = pcall(pass, timeout)
   stepping = false
-  if not done and e ~= PASS_OVER then done, e = pcall(recover, e) end
-  unshield()
-  if not done and e ~= PASS_OVER then error(e, 0) end
-  t = fire_timers(clock())
-  due = next_due()
-  return due and math.max(0, due - t) or nil
+  if not ok then error(r, 0) end
+  return r
 end
 
 return M
