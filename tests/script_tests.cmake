@@ -30,7 +30,7 @@ foreach(example luasocket_select:socket cqueues_poll:cqueues)
   list(GET example 0 script)
   list(GET example 1 library)
   add_test(NAME easy_${script}_${WS_CLIENT_LUA_BIN}
-           COMMAND sh -c "$0 -e 'os.exit(pcall(require, \"$1\") and 0 or 77)' || exit 77; exec $2 -t 60 -- $0 $3"
+           COMMAND sh -c "$0 -l $1 /dev/null 2>/dev/null || exit 77; exec $2 -t 60 -- $0 $3"
                    ${WS_CLIENT_INTERPRETER} ${library} ${PROJECT_SOURCE_DIR}/scripts/with_peer.sh
                    ${PROJECT_SOURCE_DIR}/examples/easy/${script}.lua)
   set_tests_properties(easy_${script}_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 90 SKIP_RETURN_CODE 77

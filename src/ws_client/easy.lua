@@ -468,6 +468,9 @@ local function parse(url, options)
     option_error("url", "must start with ws://, wss://, tcp:// or tls:// (got '" .. url .. "')")
   end
   local host, port = authority:match("^(.*):(%d+)$")
+  if not host and authority:find(":") and not authority:find("[%[%]]") then
+    option_error("url", "has a port that is not a number (got '" .. authority .. "')")
+  end
   if not host then host, port = authority, DEFAULT_PORT[scheme] end
   port = tonumber(port)
   if host == "" or host:find("[@%[%]:]") then option_error("url", "has no usable host (name or IPv4 address)") end
@@ -482,7 +485,7 @@ local function parse(url, options)
     obj.code = TCP
     local a, b, c, d = host:match("^(%d+)%.(%d+)%.(%d+)%.(%d+)$")
     if not a or tonumber(a) > 255 or tonumber(b) > 255 or tonumber(c) > 255 or tonumber(d) > 255 then
-      option_error("url", "needs a dotted IPv4 address for " .. scheme .. "://")
+      option_error("url", "needs a dotted IPv4 address for " .. scheme .. ":// (host names are not looked up)")
     end
     if path ~= "" and path ~= "/" then option_error("url", "takes no path for " .. scheme .. "://") end
   end
@@ -668,7 +671,7 @@ local function poll_once() core.loop_stop() end
 
 local function pass(timeout)
   stirred = false
-  local t = fire_timers(clock())
+  local t = heap[1] and fire_timers(clock())  -- no timer: no clock read
   local due = next_due()
   local wait = math.floor(math.min(timeout, due and due - t or timeout, 86400))
   if stirred then wait = 0 end  -- what a timer sent may be answered at once
@@ -676,6 +679,7 @@ local function pass(timeout)
   if not done and e ~= PASS_OVER then done, e = pcall(recover, e) end
   unshield()
   if not done and e ~= PASS_OVER then error(e, 0) end
+  if not heap[1] then return nil end
   t = fire_timers(clock())
   due = next_due()
   return due and math.max(0, due - t) or nil

@@ -14,6 +14,7 @@ for _, case in ipairs({
   { "http://" .. H .. ":1/", nil, "option 'url' must start with" },
   { "tcp://localhost:80", nil, "option 'url' needs a dotted IPv4" },
   { "tcp://1.2.3.4", nil, "option 'url' needs a port" },
+  { "ws://h:80x/", nil, "option 'url' has a port that is not a number" },
   { "ws://h:70000/", nil, "option 'url' has a port out of range" },
   { "tls://1.2.3.4:5", { key = "k" }, "option 'cert' is required" },
   { "tls://1.2.3.4:5", { cert = ("c"):rep(200), key = "k" }, "option 'cert' is longer than 199" },
