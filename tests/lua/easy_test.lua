@@ -148,42 +148,27 @@ for i, a in ipairs(attempts) do check(a[1] == i and (i == #attempts) == (a[2] ==
 again:close(); tls:close()
 easy.run()  -- nothing left: returns at once
 
--- the loop driven from outside: step(timeout) waits whole seconds at most, cut
--- short by the module's traffic and by its next timer
-local n_echo = 0
+-- step(timeout): whole seconds of wait at most, cut short by the module's traffic and its next timer
+local n_echo, core, nested = 0, require("ws_client"), nil
 local stepped = assert(easy.connect(url("ws", "WS", "/echo"), { on_message = function() n_echo = n_echo + 1 end }))
 check(type(stepped:getfd()) == "number" and easy.udp():getfd() == nil, "getfd", stepped:getfd())
-for _, case in ipairs({  -- timeout, a timer due in, send first, least and most seconds, echoes, left
-  { 0.9, nil, false, 0, 0.1, 0 },  -- under a second: the 2 ms poll
-  { 2, nil, false, 1.9, 2.5, 0 },
-  { 3, nil, true, 0, 0.5, 1 },
-  { 5, 1.5, false, 0.9, 1.4, 0, 0.5 },
-}) do
-  local timer = case[2] and easy.after(case[2], print)
-  if case[3] then stepped:send("step") end
-  local t, before = easy.now(), n_echo
-  local left = easy.step(case[1])
-  t = easy.now() - t
-  check(t >= case[4] and t <= case[5] and n_echo - before == case[6] and math.abs((left or 0) - (case[7] or 0)) < 0.15,
+-- timeout, timer due in, least and most seconds, echoes (1: sends first), seconds left
+for _, case in ipairs({ { 0.9, nil, 0, 0.1, 0 }, { 2, nil, 1.9, 2.5, 0 }, { 3, nil, 0, 0.5, 1 }, { 5, 1.5, 0.9, 1.4, 0, 0.5 } }) do
+  local timer, t, before = case[2] and easy.after(case[2], print), easy.now(), n_echo
+  if case[5] == 1 then stepped:send("step") end
+  local left = easy.step(case[1]); t = easy.now() - t
+  check(t >= case[3] and t <= case[4] and n_echo - before == case[5] and math.abs((left or 0) - (case[6] or 0)) < 0.15,
     "step", case[1], t, n_echo - before, left)
   if timer then timer:cancel() end
 end
 -- a bare core WebSocket closed by its server: the next select() fails, step() survives the sweep
-local core, raw_closed, sent_after = require("ws_client"), false, false
-core.ws_send(core.ws_connect(core.ws_new(), { type = 0, url = "ws://" .. H .. "/close", port = port("WS"),
-  timeout = 3, crt = "", prikey = "", on_close = function() raw_closed = true end }), "bye")
+core.ws_send(core.ws_connect(core.ws_new(), { type = 0, url = "ws://" .. H .. "/close", port = port("WS"), timeout = 3,
+  crt = "", prikey = "", on_close = function() stepped:send("after") end }), "bye")
 local t, before = easy.now(), n_echo
-while easy.now() - t < 4 and n_echo == before do
-  easy.step(1)
-  if raw_closed and not sent_after then sent_after = stepped:send("after sweep") end
-end
-check(raw_closed and n_echo == before + 1 and stepped.state == "open", "step through the sweep", raw_closed, n_echo - before)
-local nested = {}
-easy.after(0, function() nested[1] = select(2, pcall(easy.run)) end)
-easy.step(0); stepped:close()
-easy.after(0, function() nested[2] = select(2, pcall(easy.step)) end)
-easy.run()
-check(tostring(nested[1]):find("already running") and tostring(nested[2]):find("already running"), "nested", unpack(nested))
+repeat easy.step(1) until n_echo > before or easy.now() - t > 4
+check(n_echo == before + 1 and stepped.state == "open", "step through the sweep", n_echo - before)
+easy.after(0, function() nested = select(2, pcall(easy.run)) end); easy.step(0); stepped:close()
+check(tostring(nested):find("already running"), "run inside step", nested)
 
 print(failed == 0 and "all passed" or failed .. " failed")
 os.exit(failed == 0 and 0 or 1)
