@@ -29,7 +29,7 @@ std::string show(const ws_out& e) {
     static const char* const names[] = {"none", "text", "binary", "ping", "pong", "close", "fail"};
     std::string text = names[int(e.what)];
     if (e.code != 0)
-        text += " " + std::to_string(e.code);
+        text.append(" ").append(std::to_string(e.code));  // not " " + ...: GCC 12 -O3 -Wrestrict
     if (e.bytes.size() > 40)
         return text + " #" + std::to_string(e.bytes.size());
     return e.bytes.empty() ? text : text + " " + std::string(e.bytes.begin(), e.bytes.end());
