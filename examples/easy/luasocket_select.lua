@@ -36,9 +36,10 @@ local sender = easy.every(0.1, function(timer)  -- an easy timer, fired by step(
   if sent == LINES then timer:cancel() end
 end)
 
-local deadline = socket.gettime() + SECONDS
+local deadline, wait = socket.gettime() + SECONDS, 0
 while echoed < LINES and socket.gettime() < deadline do
-  local readable = socket.select({ server, bridged, client, ws }, nil, 1)
+  local watched = { server, client, ws, bridged }  -- bridged last: nil until accepted
+  local readable = socket.select(watched, nil, math.min(wait or 1, 1))  -- easy's next timer bounds the wait
   for _, s in ipairs(readable) do
     if s == server then
       bridged = server:accept()
@@ -51,7 +52,7 @@ while echoed < LINES and socket.gettime() < deadline do
       if line then echoed = echoed + 1; print("bridge echo: " .. line) end
     end
   end
-  easy.step(0)  -- whatever woke select(): the module's sockets and timers
+  wait = easy.step(0)  -- whatever woke select(): the module's sockets and timers
 end
 sender:cancel()
 ws:close()
