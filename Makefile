@@ -138,6 +138,7 @@ bench: deps
 	  scripts/with_peer.sh -- lua5.1 bench/easy_roundtrip.lua
 	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so;;" LUA_PATH="$(CURDIR)/src/?.lua;;" \
 	  scripts/with_peer.sh -- lua5.1 bench/easy_step.lua
+	bench/nonblocking.sh $(CURDIR)/$(BENCH_BUILD)
 	bench/footprint.sh lua5.1 $(BENCH_BUILD) openssl
 
 # Resident memory per connection kind, the module's size and the wss round

@@ -7,6 +7,7 @@
 #include "lua_api.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "ws_client.h"
@@ -25,6 +26,14 @@ void tcp_connect_callback(lua_State* L, const tcp_record* record);
 void close_callback(lua_State* L, int32_t fd, const char* reason);
 // on_message(data, from, port); a null `from` reaches the script as nil.
 void receive_callback(lua_State* L, int32_t fd, const char* data, const char* from, int port);
+
+// Standard mode. on_open(protocol): nil when `protocol` is empty.
+void open_callback_protocol(lua_State* L, int32_t fd, const char* protocol, std::size_t length);
+// on_message(data, kind): the whole payload, zero bytes included.
+void message_callback(lua_State* L, int32_t fd, const void* data, std::size_t length, const char* kind);
+// on_close(reason, code, peer_reason): peer_reason nil when null.
+void close_callback_coded(lua_State* L, int32_t fd, const char* reason, int code, const char* peer_reason,
+                          std::size_t peer_length);
 
 // True when an options table is registered for fd.
 bool has_options_table(lua_State* L, int32_t fd);

@@ -32,5 +32,14 @@ conn_entry* conn_find(int fd, uint64_t serial);
 void conn_drop(int fd);
 // What the loop waits for on fd besides reading: none when fd has no entry.
 conn_wait conn_wants(int fd);
+// The entry of fd when one is in use; else null.
+conn_entry* conn_at(int fd);
+// The lowest descriptor above `after` with an entry in use; -1 when none.
+int conn_next(int after);
+// A loop-driven connection's own state (set-up, queues), kept beside fd's
+// entry and freed through `release` with it. Null when none.
+void* conn_loop_state(int fd);
+// Gives fd's entry (which must be in use) `state`; false otherwise.
+bool conn_set_loop_state(int fd, void* state, void (*release)(void* state));
 // Entries in use (for diagnostics and tests).
 std::size_t conn_count();

@@ -18,6 +18,8 @@
 #include "heap_buffer.h"
 #include "ws_client.h"
 
+struct ws_upgrade;  // ws_upgrade.h
+
 enum class connect_phase : uint8_t { tcp, tls, send_upgrade, read_upgrade, open };
 
 struct connect_outcome {
@@ -51,13 +53,16 @@ struct connect_state {
     char host[TEXT_FIELD_SIZE];
     char path[TEXT_FIELD_SIZE];
     // the upgrade
-    char request[1024];  // host and path are record-sized: the request always fits
+    // Designed: host and path are record-sized, the request always fits.
+    // Standard mode: the caller writes it (extra header lines included).
+    char request[4096];
     std::size_t request_length;
     std::size_t sent;
     heap_buffer answer;  // the answer's bytes so far (taken by the read phase)
     std::size_t have;
     answer_scan scan;
     std::size_t answer_used;  // opened: the answer's length
+    ws_upgrade* upgrade;      // standard mode: the request is written and the answer read whole; null: designed
 };
 
 // Runs steps from c.phase until one waits (again), fails or the connection

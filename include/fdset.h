@@ -29,6 +29,8 @@ void select_set_clear(select_set& set);
 bool select_set_add(select_set& set, int fd);
 // False for descriptors beyond the set's size.
 bool select_set_has(const select_set& set, int fd);
+// Takes fd out (nothing for descriptors beyond the set's size).
+void select_set_remove(select_set& set, int fd);
 // The set as select() takes it; covers every descriptor added since the last
 // clear.
 fd_set* select_set_fds(select_set& set);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 #include <span>
@@ -21,6 +22,14 @@ int deactivate_nonblock(int fd);
 // pending error (SO_ERROR).
 int connect_start(int fd, const sockaddr_in* address);
 int connect_finished(int fd);
+// connect_start for an address of either family.
+int connect_start_address(int fd, const sockaddr* address, socklen_t length);
+
+// A fresh non-blocking socket of `family` and `type` put in place of fd
+// (dup2), so that whatever is keyed by the descriptor number stays valid;
+// `dual_stack` clears IPV6_V6ONLY on an IPv6 one. 0, or -1 (errno; fd is
+// left as it was).
+int adopt_family(int fd, int family, int type, bool nonblocking, bool dual_stack = false);
 
 // connect() that gives up after timeout_sec seconds (0: plain connect on the
 // descriptor as it is). 0 connected, -1 failed with errno telling why

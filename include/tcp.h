@@ -27,6 +27,12 @@ int do_tcp_connect(lua_State* L, tcp_record* record);
 // table is full (the descriptor is closed; the record keeps its number and
 // status). Results pushed.
 int tcp_opened(lua_State* L, tcp_record* record);
+// tcp_connect's part with nonblocking = true (object at 1, options
+// registered): registers the object, starts the set-up the loop drives and
+// returns the object. Every failure, and on_open, come from the loop.
+int tcp_connect_loop(lua_State* L, tcp_record* record);
+// The kind's step: advances the set-up, or writes what sends left queued.
+int tcp_step(lua_State* L, int32_t fd);
 // Frees the TLS session, closes the descriptor, marks the registered object
 // closed and calls on_close(reason). The record's object must be on the
 // stack (or otherwise reachable until this returns).

@@ -13,6 +13,11 @@ constexpr std::size_t UDP_RECV_CAPACITY = 0x100000;
 // (sockfd left as it was).
 udp_record* udp_init(lua_State* L, udp_record* record);
 
+// Puts a dual-stack IPv6 socket in place of fd (options key ipv6): its
+// sends then take IPv4 or IPv6 text, its senders are reported as text of
+// either (IPv4 dotted). 0, or -1 (errno).
+int udp_use_ipv6(int32_t fd);
+
 // Sends `data` up to its first zero byte to ip:port (low 16 bits of port).
 // Bytes sent, or -1. A socket counts as closed when the record's status is
 // -1, or when the record registered for its descriptor is missing or has

@@ -51,6 +51,12 @@ struct stream_guard {
     char capath[TEXT_FIELD_SIZE];      // hashed CA directory: the same
     char servername[TEXT_FIELD_SIZE];  // SNI, and the name the certificate must match
     double io_timeout;                 // seconds each blocking read/write may wait
+    // a connection the loop drives (nonblocking): its set-up, sends, receives
+    bool nonblocking;
+    double connect_timeout;            // TCP: seconds the set-up may take; 0: no bound
+    double max_queue;                  // bytes a send may leave queued; 0: the default
+    char host[TEXT_FIELD_SIZE];        // TCP: a name or address in place of `ip`
+    uint64_t loop_serial;              // the conn_table serial the loop drives it under
 };
 
 // ---- socket records ----

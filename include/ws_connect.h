@@ -29,6 +29,11 @@ ws_record* ws_init(lua_State* L, ws_record* ws, int unused);
 // stack (callbacks.cpp).
 int do_new_connect(lua_State* L, ws_record* ws);
 
+// The one report of a failed connect (on_error, the close, the log lines
+// around them); -1.
+struct connect_outcome;
+int ws_report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure);
+
 // The tail of a connect that succeeded: enters the descriptor in the socket
 // table, registers a copy taken while connecting (the loop's), calls on_open,
 // marks the record open and pushes a copy of it; nil with on_error when the
@@ -67,3 +72,15 @@ int ws_recv(lua_State* L, int32_t fd, int* err);
 // closed connection reports "Socket has been closed!" instead, where an
 // options table is registered (a never connected socket stays quiet).
 void ws_send_close(lua_State* L, ws_record* ws);
+
+// ---- loop-driven connections (options key nonblocking) ----
+
+// ws_connect's part once the record and its options are registered: starts
+// the set-up the loop drives and pushes a copy of the record (the result).
+// Every failure, and on_open, come from the loop.
+int ws_connect_loop(lua_State* L, ws_record* ws);
+// The kind's step: advances the set-up, or writes what sends left queued.
+int ws_step(lua_State* L, int32_t fd);
+// ws_close on a loop-driven connection (through its registered record): no
+// close frame while it is being set up. 0 when `ws` is not loop-driven.
+int ws_close_served(lua_State* L, ws_record* ws);

@@ -10,6 +10,7 @@
 struct ws_url_parts {
     bool secure;              // wss
     uint16_t port;            // the URL's own, else 80 (ws) or 443 (wss)
+    bool port_written;        // the URL carries a port
     const char* host;         // to resolve: a name or an address, IPv6 without brackets
     const char* target;       // the request target: path and query as written, "/" when none
     const char* host_header;  // the Host value: as written, ":port" only when not the default

@@ -12,8 +12,8 @@ demo_packages=(
   python3 python3-websockets
 )
 # `make test` adds the other interpreters, the test and fuzzing tools, luarocks,
-# c-ares (host names resolved in the loop), ccache (one compile of what the
-# groups build alike).
+# c-ares (host names resolved in the loop), Node.js and its ws server (an interop
+# peer), ccache (one compile of what the groups build alike).
 packages=(
   lua5.2 liblua5.2-dev lua5.3 liblua5.3-dev lua5.4 liblua5.4-dev luajit libluajit-5.1-dev
   libmbedtls-dev libwolfssl-dev
@@ -22,6 +22,7 @@ packages=(
   clang libclang-rt-14-dev
   luarocks ccache
   musl-tools debhelper dpkg-dev
+  nodejs node-ws
 )
 # `deps.sh cross`: also the cross compilers and the emulator (make cross,
 # make test; not needed for the demo). apt-get and dpkg-deb make the sysroots.

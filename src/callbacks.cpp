@@ -71,6 +71,40 @@ void receive_callback(lua_State* L, int32_t fd, const char* data, const char* fr
     lua_settop(L, height);
 }
 
+void open_callback_protocol(lua_State* L, int32_t fd, const char* protocol, std::size_t length) {
+    const int height = lua_gettop(L);
+    get_cb(L, fd, "on_open");
+    if (length == 0)
+        lua_pushnil(L);
+    else
+        lua_pushlstring(L, protocol, length);
+    call_callback(L, 1, "on_open");
+    lua_settop(L, height);
+}
+
+void message_callback(lua_State* L, int32_t fd, const void* data, std::size_t length, const char* kind) {
+    const int height = lua_gettop(L);
+    get_cb(L, fd, "on_message");
+    lua_pushlstring(L, static_cast<const char*>(data), length);
+    lua_pushstring(L, kind);
+    call_callback(L, 2, "on_message");
+    lua_settop(L, height);
+}
+
+void close_callback_coded(lua_State* L, int32_t fd, const char* reason, int code, const char* peer_reason,
+                          std::size_t peer_length) {
+    const int height = lua_gettop(L);
+    get_cb(L, fd, "on_close");
+    lua_pushstring(L, reason);
+    lua_pushinteger(L, code);
+    if (peer_reason == nullptr)
+        lua_pushnil(L);
+    else
+        lua_pushlstring(L, peer_reason, peer_length);
+    call_callback(L, 3, "on_close");
+    lua_settop(L, height);
+}
+
 bool has_options_table(lua_State* L, int32_t fd) {
     const registry_key key = sockfd_key(fd);
     lua_getfield(L, LUA_REGISTRYINDEX, key.text);

@@ -12,6 +12,12 @@
 namespace {
 
 conn_entry* entries = nullptr;
+// Beside each entry: a loop-driven connection's state, owned.
+struct loop_slot {
+    void* state;
+    void (*release)(void* state);
+};
+loop_slot* loop_slots = nullptr;
 std::size_t capacity = 0;  // entries allocated: descriptors 0 .. capacity - 1
 std::size_t in_use = 0;
 uint64_t last_serial = 0;
@@ -22,9 +28,14 @@ bool grow_to(std::size_t wanted) {
     std::size_t size = capacity == 0 ? 64 : capacity;
     while (size < wanted)
         size *= 2;
+    void* grown_slots = std::realloc(loop_slots, size * sizeof(loop_slot));
+    if (grown_slots == nullptr)
+        return false;
+    loop_slots = static_cast<loop_slot*>(grown_slots);
+    std::memset(loop_slots + capacity, 0, (size - capacity) * sizeof(loop_slot));
     void* grown = std::realloc(entries, size * sizeof(conn_entry));
     if (grown == nullptr)
-        return false;
+        return false;  // the slots are larger than needed: harmless
     entries = static_cast<conn_entry*>(grown);
     std::memset(entries + capacity, 0, (size - capacity) * sizeof(conn_entry));
     capacity = size;
@@ -36,6 +47,10 @@ void release(conn_entry& entry) {
         return;
     if (entry.session != nullptr && entry.release != nullptr)
         entry.release(entry.session);
+    loop_slot& slot = loop_slots[&entry - entries];
+    if (slot.state != nullptr && slot.release != nullptr)
+        slot.release(slot.state);
+    slot = loop_slot{};
     entry = conn_entry{};
     --in_use;
 }
@@ -68,6 +83,30 @@ conn_wait conn_wants(int fd) {
     if (fd < 0 || static_cast<std::size_t>(fd) >= capacity)
         return conn_wait::none;
     return entries[fd].wants;
+}
+
+conn_entry* conn_at(int fd) {
+    if (fd < 0 || static_cast<std::size_t>(fd) >= capacity || entries[fd].serial == 0)
+        return nullptr;
+    return &entries[fd];
+}
+
+int conn_next(int after) {
+    if (in_use == 0)
+        return -1;
+    for (std::size_t fd = after < 0 ? 0 : static_cast<std::size_t>(after) + 1; fd < capacity; ++fd)
+        if (entries[fd].serial != 0)
+            return static_cast<int>(fd);
+    return -1;
+}
+
+void* conn_loop_state(int fd) { return conn_at(fd) != nullptr ? loop_slots[fd].state : nullptr; }
+
+bool conn_set_loop_state(int fd, void* state, void (*release)(void* state)) {
+    if (conn_at(fd) == nullptr)
+        return false;
+    loop_slots[fd] = {state, release};
+    return true;
 }
 
 std::size_t conn_count() { return in_use; }

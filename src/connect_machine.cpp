@@ -4,10 +4,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
+#include <algorithm>
 
 #include "net.h"
 #include "tls_owner.h"
 #include "transport.h"
+#include "ws_upgrade.h"
 
 #ifdef lua_h
 #error "the connect machine must stay free of the interpreter"
@@ -107,7 +110,8 @@ connect_outcome step_send_upgrade(connect_state& c) {
     if (!c.started) {
         c.started = true;
         WS_LOG_IN("ws_connect", "do_new_connect", "will do handshake\n");
-        make_request(c);
+        if (c.upgrade == nullptr)
+            make_request(c);
         if (c.request_length == 0)
             return handshake_failed();
     }
@@ -175,10 +179,49 @@ connect_outcome read_answer_whole(connect_state& c, tls_session* tls) {
     return next_phase;
 }
 
+// Monotonic milliseconds.
+int64_t now_ms() {
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return static_cast<int64_t>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
+}
+
+// Standard mode: reads until the blank line, however the answer is cut, with
+// 5 s for the whole answer on a blocking descriptor; what follows stays.
+constexpr std::size_t kStandardAnswerMax = 16384;  // a longer answer fails the handshake
+
+connect_outcome read_answer_standard(connect_state& c, tls_session* tls) {
+    const int64_t until = now_ms() + kAnswerWaitSeconds * 1000;
+    for (;;) {
+        if (c.blocking && (tls == nullptr || tls_pending(tls) == 0)) {
+            const int64_t left = std::max<int64_t>(until - now_ms(), 0);
+            timeval wait{static_cast<time_t>(left / 1000), static_cast<suseconds_t>(left % 1000 * 1000)};
+            if (select_single(c.fd, wait_for::read, &wait) <= 0)
+                return handshake_failed();
+        }
+        const long nread = stream_read_grow(c.fd, tls, c.answer, c.have, kStandardAnswerMax - 1 - c.have);
+        if (nread == -1 && errno == EINTR)
+            continue;
+        if (nread == -1 && !c.blocking && would_block())
+            return again(wait_for::read);
+        if (nread <= 0)
+            return handshake_failed();
+        c.have += static_cast<std::size_t>(nread);
+        const answer_check check = ws_upgrade_check({reinterpret_cast<const char*>(c.answer.bytes), c.have}, *c.upgrade);
+        if (check.what == answer_verdict::refused || (check.what == answer_verdict::needs_more && c.have + 1 >= kStandardAnswerMax))
+            return handshake_failed();
+        if (check.what == answer_verdict::complete) {
+            c.answer_used = check.used;
+            return next_phase;
+        }
+    }
+}
+
 connect_outcome step_read_upgrade(connect_state& c) {
     tls_session* tls = nullptr;
     const bool live = stream_of(c, &tls);
-    const connect_outcome outcome = c.blocking ? read_answer_once(c, live, tls)
+    const connect_outcome outcome = c.upgrade != nullptr ? (live ? read_answer_standard(c, tls) : handshake_failed())
+                                  : c.blocking ? read_answer_once(c, live, tls)
                                   : live       ? read_answer_whole(c, tls)
                                                : handshake_failed();
     if (outcome.what != connect_outcome::again)

@@ -50,6 +50,11 @@ bool select_set_has(const select_set& set, int fd) {
     return (set.words[word] >> (static_cast<std::size_t>(fd) % bits_per_word)) & 1UL;
 }
 
+void select_set_remove(select_set& set, int fd) {
+    if (select_set_has(set, fd))
+        set.words[static_cast<std::size_t>(fd) / bits_per_word] &= ~(1UL << (static_cast<std::size_t>(fd) % bits_per_word));
+}
+
 fd_set* select_set_fds(select_set& set) { return reinterpret_cast<fd_set*>(set.words); }
 
 static select_set single{};

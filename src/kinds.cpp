@@ -7,14 +7,19 @@
 #include "tools.h"
 #include "udp.h"
 #include "ws_connect.h"
+#include "ws_standard.h"
 
 namespace {
 
 // Indexed by kind code.
 constexpr kind_ops kinds[] = {
-    {METATABLE_WS, ws_recv, true, nullptr,
+    {METATABLE_WS,
+     [](lua_State* L, int32_t fd, int* error) {
+         return ws_standard_at(fd) ? ws_standard_receive(L, fd, error) : ws_recv(L, fd, error);
+     },
+     true, ws_step,
      [](lua_State* L, void* record, const char* reason) { ws_do_close(L, static_cast<ws_record*>(record), reason); }},
-    {METATABLE_TCP, [](lua_State* L, int32_t fd, int* error) -> int { return tcp_recv(L, fd, error); }, true, nullptr,
+    {METATABLE_TCP, [](lua_State* L, int32_t fd, int* error) -> int { return tcp_recv(L, fd, error); }, true, tcp_step,
      [](lua_State* L, void* record, const char* reason) { tcp_do_close(L, static_cast<tcp_record*>(record), reason); }},
     {METATABLE_UDP, [](lua_State* L, int32_t fd, int*) { return udp_recv(L, fd); }, false, nullptr,
      [](lua_State* L, void* record, const char* reason) { udp_do_close(L, static_cast<udp_record*>(record), reason); }},

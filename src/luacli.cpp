@@ -18,6 +18,7 @@
 #include "tools.h"
 #include "udp.h"
 #include "ws_connect.h"
+#include "ws_standard.h"
 
 #define LOG_UNIT "luacli"
 
@@ -45,7 +46,11 @@ static int ws_connect(lua_State* L) {
     WS_LOG(">>port is %d\n\n", record->port);
     get_tbl_num(L, -2, "timeout", &record->timeout);
     WS_LOG(">>timeout is %d\n\n", record->timeout);
-    read_guard(L, record->guard);
+    read_guard(L, record->guard, false);
+    standard_options standard;
+    read_standard(L, standard);
+    luaL_argcheck(L, !(standard.on && record->guard.nonblocking), lua_gettop(L),
+                  "rfc6455 and nonblocking cannot be combined yet");
     const int32_t fd = record->sockfd;
     // A closed object has no descriptor to register under.
     luaL_argcheck(L, fd != -1, 1, "socket has been closed");
@@ -55,6 +60,10 @@ static int ws_connect(lua_State* L) {
     // The object stays at 1 until the record's last use (callbacks.cpp): the
     // registry entry is replaced below.
     lua_settop(L, 1);
+    if (standard.on)
+        return ws_standard_connect(L, record, standard);
+    if (record->guard.nonblocking)
+        return ws_connect_loop(L, record);
     if (do_new_connect(L, record) == -1)
         return 0;
     return ws_opened(L, record);
@@ -62,6 +71,8 @@ static int ws_connect(lua_State* L) {
 
 static int ws_do_send(lua_State* L) {
     ws_record* record = check_ws_client(L, 1);
+    if (ws_standard_at(record->sockfd))
+        return ws_standard_send(L, record);
     const int last = lua_gettop(L);
     const char* data = lua_tolstring(L, last, nullptr);  // numbers are converted
     luaL_argcheck(L, data != nullptr, last, "string expected");
@@ -76,8 +87,12 @@ static int ws_do_send(lua_State* L) {
 
 static int lua_close_ws(lua_State* L) {
     auto* record = static_cast<ws_record*>(luaL_checkudata(L, 1, METATABLE_WS));
-    if (record == nullptr)
+    if (record == nullptr || ws_close_served(L, record))
         return 0;
+    if (ws_standard_at(record->sockfd)) {
+        ws_standard_close(L, record);
+        return 0;
+    }
     ws_send_close(L, record);  // argument 1 keeps the record through both (callbacks.cpp)
     ws_do_close(L, record, "User do close");
     WS_LOG("WS closed here\n");
@@ -99,6 +114,13 @@ static int udp_new(lua_State* L) {
 static int udp_do_connect(lua_State* L) {
     udp_record* record = check_udp_client(L, 1);
     luaL_checkany(L, 2);  // the options table, last
+    if (lua_istable(L, -1))
+        lua_getfield(L, -1, "ipv6");  // opt-in: a dual-stack socket
+    else
+        lua_pushnil(L);
+    luaL_argcheck(L, lua_isnil(L, -1) || lua_isboolean(L, -1), lua_gettop(L) - 1, "field 'ipv6': boolean expected");
+    const bool ipv6 = lua_toboolean(L, -1);
+    lua_pop(L, 1);
     // A second reference to the object at the bottom keeps the record on the
     // stack through on_open (callbacks.cpp); the value below the options
     // table is what gets registered.
@@ -107,6 +129,11 @@ static int udp_do_connect(lua_State* L) {
     const int32_t fd = record->sockfd;
     registry_store_top(L, sockfd_key(fd));  // options table
     registry_store_top(L, udata_key(fd));   // the value below it: the object
+    if (ipv6 && udp_use_ipv6(fd) == -1) {
+        error_callback(L, fd, errno, "ipv6 socket fail");
+        close(fd);
+        return 0;
+    }
     if (sock_add(fd) == -1) {
         error_callback(L, fd, errno, "socktbl is full now");
         close(fd);
@@ -191,11 +218,21 @@ static int tcp_new(lua_State* L) {
     return 1;
 }
 
+// `host` given where `ip` is not (the options table on top).
+static bool host_in_place_of_ip(lua_State* L) {
+    lua_getfield(L, -1, "ip");
+    lua_getfield(L, -2, "host");
+    const bool replaced = lua_isnil(L, -2) && !lua_isnil(L, -1);
+    lua_pop(L, 2);
+    return replaced;
+}
+
 static int tcp_connect(lua_State* L) {
     tcp_record* record = check_tcp_client(L, 1);
     get_tbl_num(L, -2, "port", &record->port);
     WS_LOG("port %d\n", record->port);
-    get_tbl_str(L, -2, "ip", record->ip);
+    if (!host_in_place_of_ip(L))
+        get_tbl_str(L, -2, "ip", record->ip);
     WS_LOG("ip %s\n", record->ip);
     get_tbl_str(L, -2, "crt", record->crt);
     WS_LOG("crt %s\n", record->crt);
@@ -203,8 +240,10 @@ static int tcp_connect(lua_State* L) {
     WS_LOG("prikey %s\n", record->prikey);
     get_tbl_num(L, -2, "is_secure", &record->is_secure);
     WS_LOG("is_secure %d\n", record->is_secure);
-    read_guard(L, record->guard);
+    read_guard(L, record->guard, true);
     registry_store_top(L, sockfd_key(record->sockfd));  // the options table
+    if (record->guard.nonblocking)
+        return tcp_connect_loop(L, record);
 
     if (do_tcp_connect(L, record) == -1) {
         lua_pushnil(L);

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -56,6 +57,28 @@ int connect_start(int fd, const sockaddr_in* address) {
     if (connect(fd, reinterpret_cast<const sockaddr*>(address), sizeof(sockaddr_in)) == 0)
         return 0;
     return errno == EINPROGRESS ? 1 : -1;
+}
+
+int connect_start_address(int fd, const sockaddr* address, socklen_t length) {
+    if (connect(fd, address, length) == 0)
+        return 0;
+    return errno == EINPROGRESS ? 1 : -1;
+}
+
+int adopt_family(int fd, int family, int type, bool nonblocking, bool dual_stack) {
+    const int fresh = socket(family, type | SOCK_CLOEXEC | (nonblocking ? SOCK_NONBLOCK : 0), 0);
+    if (fresh == -1)
+        return -1;
+    const int off = 0;
+    int result = 0;
+    if (dual_stack && family == AF_INET6 && setsockopt(fresh, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off) == -1)
+        result = -1;
+    if (result == 0 && dup2(fresh, fd) == -1)
+        result = -1;
+    const int error = errno;
+    close(fresh);
+    errno = error;
+    return result;
 }
 
 int connect_finished(int fd) {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "tools.h"
+#include "ws_message.h"
 
 #define LOG_UNIT "luacli"
 
@@ -21,16 +22,21 @@ void field_error(lua_State* L, const char* key, const char* expected) {
 // One opt-in key: absent leaves the field as it is (zero, that is off).
 struct option_row {
     const char* key;
-    enum : uint8_t { text, seconds } kind;
+    enum : uint8_t { text, seconds, boolean } kind;
     std::size_t offset;  // of the field in the record it fills
+    bool tcp_only;
 };
 
 // Read in this order; a new key is one more row (and a reader for a new kind).
 constexpr option_row guard_rows[] = {
-    {"cafile", option_row::text, offsetof(stream_guard, cafile)},
-    {"capath", option_row::text, offsetof(stream_guard, capath)},
-    {"servername", option_row::text, offsetof(stream_guard, servername)},
-    {"io_timeout", option_row::seconds, offsetof(stream_guard, io_timeout)},
+    {"cafile", option_row::text, offsetof(stream_guard, cafile), false},
+    {"capath", option_row::text, offsetof(stream_guard, capath), false},
+    {"servername", option_row::text, offsetof(stream_guard, servername), false},
+    {"io_timeout", option_row::seconds, offsetof(stream_guard, io_timeout), false},
+    {"nonblocking", option_row::boolean, offsetof(stream_guard, nonblocking), false},
+    {"max_queue", option_row::seconds, offsetof(stream_guard, max_queue), false},
+    {"connect_timeout", option_row::seconds, offsetof(stream_guard, connect_timeout), true},
+    {"host", option_row::text, offsetof(stream_guard, host), true},
 };
 
 // The value on top, 0 or more seconds (NaN refused).
@@ -54,6 +60,13 @@ void read_row(lua_State* L, const option_row& row, char* base) {
         return;
     if (row.kind == option_row::text) {
         get_tbl_str(L, -2, row.key, *reinterpret_cast<char(*)[TEXT_FIELD_SIZE]>(base + row.offset));
+        return;
+    }
+    if (row.kind == option_row::boolean) {
+        if (!lua_isboolean(L, -1))
+            field_error(L, row.key, "boolean");
+        base[row.offset] = static_cast<char>(lua_toboolean(L, -1));
+        lua_pop(L, 1);
         return;
     }
     const double seconds = read_seconds(L, row.key);
@@ -89,11 +102,141 @@ void get_tbl_num(lua_State* L, int index, const char* key, int32_t* out) {
     lua_pop(L, 1);
 }
 
-void read_guard(lua_State* L, stream_guard& guard) {
+void read_guard(lua_State* L, stream_guard& guard, bool tcp) {
     guard = {};
     for (const option_row& row : guard_rows)
-        read_row(L, row, reinterpret_cast<char*>(&guard));
+        if (tcp || !row.tcp_only)
+            read_row(L, row, reinterpret_cast<char*>(&guard));
+    lua_getfield(L, -1, "rfc6455");
+    const bool standard = !tcp && lua_toboolean(L, -1) != 0;  // the standard mode has a max_queue of its own
+    lua_pop(L, 1);
+    const bool loop_keys = (guard.max_queue > 0 && !standard) || guard.connect_timeout > 0 || guard.host[0] != '\0';
+    if (loop_keys && !guard.nonblocking)
+        luaL_argerror(L, lua_gettop(L), "max_queue, connect_timeout and host need nonblocking = true");
     if (guard.cafile[0] != '\0' || guard.capath[0] != '\0' || guard.servername[0] != '\0' || guard.io_timeout > 0)
         WS_LOG("cafile '%s' capath '%s' servername '%s' io_timeout %g\n", guard.cafile, guard.capath,
                guard.servername, guard.io_timeout);
+    if (guard.nonblocking)
+        WS_LOG("nonblocking, max_queue %g connect_timeout %g host '%s'\n", guard.max_queue, guard.connect_timeout,
+               guard.host);
+}
+
+// ---- standard mode ----
+namespace {
+
+bool is_token(const char* text, std::size_t length) {
+    if (length == 0)
+        return false;
+    for (std::size_t i = 0; i < length; ++i) {
+        const char c = text[i];
+        const bool alnum = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+        if (!alnum && (c == '\0' || std::strchr("!#$%&'*+-.^_`|~", c) == nullptr))
+            return false;
+    }
+    return true;
+}
+
+// An argument error against the options table, which is just below the top.
+[[noreturn]] void standard_error(lua_State* L, const char* key, const char* what) {
+    luaL_argerror(L, lua_gettop(L) - 1, lua_pushfstring(L, "field '%s': %s", key, what));
+    __builtin_unreachable();
+}
+
+// The number under `key` (absent: `fallback`), at least `least`.
+double read_count(lua_State* L, const char* key, double fallback, double least) {
+    lua_getfield(L, -1, key);
+    double value = fallback;
+    if (!lua_isnil(L, -1)) {
+        if (lua_type(L, -1) != LUA_TNUMBER)
+            field_error(L, key, "number");
+        value = lua_tonumber(L, -1);
+        if (!(value >= least) || value > 9007199254740992.0)
+            standard_error(L, key, least > 0 ? "a number of 1 or more expected" : "0 or more expected");
+    }
+    lua_pop(L, 1);
+    return value;
+}
+
+// Appends `length` bytes at `at` (kept terminated); false when out of room.
+bool append(char* out, std::size_t size, std::size_t& at, const char* text, std::size_t length) {
+    if (length >= size - at)
+        return false;
+    std::memcpy(out + at, text, length);
+    at += length;
+    out[at] = '\0';
+    return true;
+}
+
+// protocols = {"a", "b"}: "a, b".
+void read_protocols(lua_State* L, standard_options& o) {
+    lua_getfield(L, -1, "protocols");
+    if (!lua_isnil(L, -1) && !lua_istable(L, -1))
+        field_error(L, "protocols", "table");
+    std::size_t at = 0;
+    for (int i = 1; lua_istable(L, -1); ++i) {
+        lua_rawgeti(L, -1, i);
+        if (lua_isnil(L, -1)) {
+            lua_pop(L, 1);
+            break;
+        }
+        std::size_t length = 0;
+        const char* name = lua_type(L, -1) == LUA_TSTRING ? lua_tolstring(L, -1, &length) : nullptr;
+        lua_pop(L, 1);
+        if (name == nullptr || !is_token(name, length))
+            standard_error(L, "protocols", "tokens expected");
+        if ((at != 0 && !append(o.protocols, sizeof o.protocols, at, ", ", 2)) ||
+            !append(o.protocols, sizeof o.protocols, at, name, length))
+            standard_error(L, "protocols", "too long for the request");
+    }
+    lua_pop(L, 1);
+}
+
+// headers = {Name = "value"}: "Name: value\r\n" lines.
+void read_headers(lua_State* L, standard_options& o) {
+    lua_getfield(L, -1, "headers");
+    if (!lua_isnil(L, -1) && !lua_istable(L, -1))
+        field_error(L, "headers", "table");
+    std::size_t at = 0;
+    if (lua_istable(L, -1)) {
+        lua_pushnil(L);
+        while (lua_next(L, -2) != 0) {
+            std::size_t name_length = 0, value_length = 0;
+            const bool texts = lua_type(L, -2) == LUA_TSTRING && lua_type(L, -1) == LUA_TSTRING;
+            const char* name = texts ? lua_tolstring(L, -2, &name_length) : nullptr;
+            const char* value = texts ? lua_tolstring(L, -1, &value_length) : nullptr;
+            lua_pop(L, 1);  // the key stays for lua_next
+            if (!texts)
+                standard_error(L, "headers", "text names and values expected");
+            if (!is_token(name, name_length) || std::strcspn(value, "\r\n") != value_length)
+                standard_error(L, "headers", "a name that is no token, or CR, LF or a zero byte");
+            if (!append(o.headers, sizeof o.headers, at, name, name_length) ||
+                !append(o.headers, sizeof o.headers, at, ": ", 2) ||
+                !append(o.headers, sizeof o.headers, at, value, value_length) ||
+                !append(o.headers, sizeof o.headers, at, "\r\n", 2))
+                standard_error(L, "headers", "too long for the request");
+        }
+    }
+    lua_pop(L, 1);
+}
+
+}  // namespace
+
+void read_standard(lua_State* L, standard_options& o) {
+    o = {};
+    lua_getfield(L, -1, "rfc6455");
+    if (!lua_isnil(L, -1) && !lua_isboolean(L, -1))
+        field_error(L, "rfc6455", "boolean");
+    o.on = lua_toboolean(L, -1) != 0;
+    lua_pop(L, 1);
+    if (!o.on)
+        return;
+    o.max_message = read_count(L, "max_message", static_cast<double>(WS_MAX_MESSAGE_DEFAULT), 1);
+    o.max_queue = read_count(L, "max_queue", WS_MAX_QUEUE_DEFAULT, 0);
+    o.close_timeout = read_count(L, "close_timeout", WS_CLOSE_TIMEOUT_DEFAULT, 0);
+    o.ping_interval = read_count(L, "ping_interval", 0, 0);
+    o.pong_timeout = read_count(L, "pong_timeout", o.ping_interval, 0);
+    read_protocols(L, o);
+    read_headers(L, o);
+    WS_LOG("rfc6455 max_message %g max_queue %g close_timeout %g ping %g pong %g protocols '%s'\n", o.max_message,
+           o.max_queue, o.close_timeout, o.ping_interval, o.pong_timeout, o.protocols);
 }

@@ -17,6 +17,7 @@
 #include "chunked.h"
 #include "conn_table.h"
 #include "connect_machine.h"
+#include "loop_conn.h"
 #include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
@@ -58,6 +59,59 @@ connect_outcome prepare_connect(tcp_record* record, connect_state& c) {
     c.tcp = record;
     c.texts = &kTexts;
     return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
+}
+
+// ---- loop-driven connections (nonblocking) ----
+
+constexpr setup_texts kLoopTexts{"domain name resolution fail, get server ip fail!"};
+constexpr std::size_t kDefaultMaxQueue = 1048576;
+
+// The loop-driven state of the record's connection; null for a designed one
+// or a record whose descriptor went to another connection.
+loop_conn* loop_state(const tcp_record& record) {
+    return record.sockfd >= 0 && conn_find(record.sockfd, record.guard.loop_serial) != nullptr
+               ? static_cast<loop_conn*>(conn_loop_state(record.sockfd))
+               : nullptr;
+}
+
+// The one report of a failed connect (on_error, the close).
+void report_failed_connect(lua_State* L, tcp_record* record, const connect_outcome& outcome) {
+    errno = outcome.error;
+    fail(L, record, outcome.message != nullptr ? outcome.message : std::strerror(errno), outcome.reason);
+    if (outcome.log_after != nullptr)
+        WS_LOG("%s", outcome.log_after);
+}
+
+// The plain receive of a loop-driven connection: what has come is kept
+// until the peer closes (or the buffer is nearly full, or a read fails),
+// then delivered at once as the designed receive delivers it. -1 with
+// EAGAIN in *err while it waits for more.
+int32_t collect_plain(int32_t fd, loop_conn& conn, std::size_t* text_length, int* err) {
+    char piece[READ_CHUNK];
+    ssize_t got = 0;
+    while (conn.in.length + READ_CHUNK <= TCP_RECV_BUFFER_SIZE) {
+        got = safe_read(fd, piece, sizeof piece - 1);
+        if (got <= 0)
+            break;
+        // text semantics: a read's bytes after a zero byte are dropped
+        byte_queue_push(conn.in, piece, strnlen(piece, static_cast<std::size_t>(got)), TCP_RECV_BUFFER_SIZE);
+        conn.collected += static_cast<std::size_t>(got);
+    }
+    *err = errno;
+    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return -1;
+    const auto total = static_cast<int32_t>(conn.collected);
+    if (!heap_grow(received_text, conn.in.length)) {
+        *err = errno;  // ENOMEM: a failed receive, the connection ends
+        return -1;
+    }
+    *text_length = conn.in.length;
+    if (conn.in.length > 0)
+        std::memcpy(text_of(received_text), conn.in.bytes, conn.in.length);
+    text_of(received_text)[conn.in.length] = '\0';
+    byte_queue_reset(conn.in);
+    conn.collected = 0;
+    return total > 0 ? total : static_cast<int32_t>(got);
 }
 
 }  // namespace
@@ -107,6 +161,7 @@ int tcp_opened(lua_State* L, tcp_record* record) {
     const int32_t fd = record->sockfd;
     if (sock_add(fd) == -1) {
         error_callback(L, fd, errno, "socktbl is full now");
+        conn_drop(fd);
         if (close(fd) == -1)
             WS_LOG_IN("luacli", "tcp_connect", "close %d: %s\n", fd, std::strerror(errno));
         lua_pushnil(L);  // the record keeps its descriptor number and status
@@ -142,11 +197,99 @@ void tcp_do_close(lua_State* L, tcp_record* record, const char* reason) {
     record->sockfd = -1;
 }
 
+int tcp_connect_loop(lua_State* L, tcp_record* record) {
+    WS_LOG("Come in connect\n");
+    record->status = TCP_STATUS_CONNECTING;
+    const int32_t fd = record->sockfd;
+    lua_settop(L, 1);
+    lua_pushvalue(L, 1);
+    registry_store_top(L, udata_key(fd));  // the object is the loop's record
+    loop_conn* conn = loop_conn_attach(fd);
+    if (conn == nullptr) {
+        errno = ENOMEM;
+        report_failed_connect(L, record, connect_failed(nullptr, nullptr));
+        lua_pushnil(L);
+        return 1;
+    }
+    conn_entry& entry = *conn_at(fd);
+    record->guard.loop_serial = entry.serial;
+    conn->max_queue = record->guard.max_queue > 0 ? static_cast<std::size_t>(record->guard.max_queue) : kDefaultMaxQueue;
+    if (record->guard.host[0] != '\0')
+        std::memcpy(record->ip, record->guard.host, sizeof record->ip);  // the name TLS checks, too
+    conn->setup.fd = fd;
+    conn->setup.tcp = record;
+    conn->setup.texts = &kTexts;
+    const double bound = record->guard.connect_timeout * 1000;
+    const auto timeout_ms = static_cast<int64_t>(bound < 1e12 ? bound : 1e12);
+    if (record->is_secure == 1 && tcp_ssl_init(record) == -1)
+        setup_fail_later(*conn, entry, connect_failed("ssl init fail", "ssl init fail", nullptr, "ssl init fail\n"));
+    else if (errno = ENOMEM; !setup_begin(*conn, entry, record->ip, static_cast<uint16_t>(record->port & 0xffff), timeout_ms,
+                          &kLoopTexts))
+        setup_fail_later(*conn, entry, connect_failed(nullptr, nullptr));
+    lua_settop(L, 1);
+    return 1;
+}
+
+int tcp_step(lua_State* L, int32_t fd) {
+    int32_t kind = -1;
+    auto* record = static_cast<tcp_record*>(registered_record(L, fd, &kind));
+    loop_conn* conn = record != nullptr && kind == SOCK_TYPE_TCP ? loop_state(*record) : nullptr;
+    if (conn == nullptr)
+        return 0;
+    conn_entry& entry = *conn_at(fd);
+    if (entry.phase == connect_phase::open) {
+        tls_session* tls = nullptr;
+        if (!record_stream(*record, &tls) || loop_drain(*conn, entry, fd, tls) == -1) {
+            fail(L, record, std::strerror(errno), "send fail");
+            return -1;
+        }
+        return 0;
+    }
+    conn->setup.tcp = record;  // the registered block, wherever it is now
+    const connect_outcome outcome = setup_advance(*conn, entry, monotonic_ms());
+    if (outcome.what == connect_outcome::failed) {
+        report_failed_connect(L, record, outcome);
+        return -1;
+    }
+    if (outcome.what == connect_outcome::opened) {
+        lua_settop(L, 0);
+        get_udata_by_sockfd(L, fd);  // tcp_opened wants the object at 1
+        tcp_opened(L, record);
+    }
+    return 0;
+}
+
 // ---- send ----
+
+namespace {
+
+int32_t send_queued(lua_State* L, tcp_record* record, loop_conn& conn, tls_session* tls, const char* data,
+                    std::size_t length) {
+    switch (loop_send(conn, *conn_at(record->sockfd), record->sockfd, tls, data, length)) {
+    case queued_send::full:
+        errno = ENOBUFS;
+        error_callback(L, record->sockfd, errno, "send queue full");
+        return 0;
+    case queued_send::failed:
+        WS_LOG("send fail return -1: %d -> %s\n", errno, std::strerror(errno));
+        fail(L, record, std::strerror(errno), "send fail");
+        return -1;
+    default:
+        return static_cast<int32_t>(length);
+    }
+}
+
+}  // namespace
 
 int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
     WS_LOG("Come in tcp send\n");
     tls_settle_stale_copy(*record);
+    loop_conn* conn = loop_state(*record);
+    if (conn != nullptr && conn_at(record->sockfd)->phase != connect_phase::open) {
+        errno = ENOTCONN;
+        error_callback(L, record->sockfd, errno, "connection is being set up");
+        return 0;
+    }
     const sock_header* registered = push_registered(L, record->sockfd);
     tls_session* tls = nullptr;
     const bool closed = record->status == TCP_STATUS_CREATED || registered == nullptr ||
@@ -158,6 +301,8 @@ int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
     }
     // Text semantics: nothing after the first zero byte is sent.
     const std::size_t length = std::min<std::size_t>(std::strlen(data), INT_MAX);
+    if (conn != nullptr)
+        return send_queued(L, record, *conn, tls, data, length);
     const auto result = static_cast<int32_t>(stream_write(record->sockfd, tls, data, length));
     if (result == -1) {
         WS_LOG("send fail return -1: %d -> %s\n", errno, std::strerror(errno));
@@ -166,6 +311,7 @@ int32_t tcp_send(lua_State* L, tcp_record* record, const char* data) {
     }
     return result;
 }
+
 
 // ---- receive ----
 
@@ -250,12 +396,21 @@ void decode_chunked_response(std::size_t text_length) {
 
 
 // The plain receive: reads until the peer stops, chunked responses decoded.
-int32_t receive_plain(int32_t fd) {
+// A loop-driven connection collects across passes instead: -1 (EAGAIN in
+// *err) while more is to come.
+int32_t receive_plain(int32_t fd, tcp_record& record, int* err) {
     WS_LOG_AS("tcp_recv", "---------------tpc_recv-----------------\n");
     std::size_t text_length = 0;
-    const int32_t result = gather(fd, TCP_RECV_BUFFER_SIZE, &text_length, [](std::size_t at, std::size_t want) {
-        return heap_grow(received_text, at + want) ? text_of(received_text) + at : nullptr;
-    });
+    int32_t result = 0;
+    if (loop_conn* conn = loop_state(record); conn != nullptr) {
+        result = collect_plain(fd, *conn, &text_length, err);
+        if (result == -1)
+            return -1;
+    } else {
+        result = gather(fd, TCP_RECV_BUFFER_SIZE, &text_length, [](std::size_t at, std::size_t want) {
+            return heap_grow(received_text, at + want) ? text_of(received_text) + at : nullptr;
+        });
+    }
     if (std::string_view(text_of(received_text), text_length).find("Transfer-Encoding: chunked") != std::string_view::npos)
         decode_chunked_response(text_length);
     return result;
@@ -283,7 +438,12 @@ int32_t tcp_recv(lua_State* L, int32_t fd, int* err) {
             text_of(received_text)[result > 0 ? result : 0] = '\0';
         errno = kept;
     } else {
-        result = receive_plain(fd);
+        result = receive_plain(fd, *record, err);
+        if (result == -1 && *err == EAGAIN) {  // collecting: nothing is delivered yet
+            heap_done(received_text, fd);
+            heap_done(decoded_body, fd);
+            return -1;
+        }
     }
     *err = errno;
     if (result > 0 && received_text.bytes != nullptr)

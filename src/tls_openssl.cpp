@@ -139,6 +139,8 @@ tls_session* tls_session_new(tls_context* context) {
     SSL* ssl = SSL_new(ctx_of(context));
     if (ssl == nullptr)
         note_failure();
+    else  // a queued write is passed again from wherever its queue has moved
+        SSL_set_mode(ssl, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     return reinterpret_cast<tls_session*>(ssl);
 }
 
@@ -195,15 +197,28 @@ tls_progress tls_session_step(tls_session* session) {
 
 void tls_session_free(tls_session* session) { SSL_free(ssl_of(session)); }
 
+// A call on a non-blocking socket that must wait (a record other than data
+// was read, or the socket is full) says so as a system call would: EAGAIN.
+// Blocking sockets never get here but through their own EAGAIN.
+static void would_block(tls_session* session, int result) {
+    const int reason = SSL_get_error(ssl_of(session), result);
+    if (reason == SSL_ERROR_WANT_READ || reason == SSL_ERROR_WANT_WRITE)
+        errno = EAGAIN;
+}
+
 long tls_read(tls_session* session, void* into, std::size_t size) {
     ERR_clear_error();
     const int got = SSL_read(ssl_of(session), into, clamp(size));
+    if (got < 0)
+        would_block(session, got);
     return got < 0 ? -1 : got;
 }
 
 long tls_write(tls_session* session, const void* bytes, std::size_t size) {
     ERR_clear_error();
     const int written = SSL_write(ssl_of(session), bytes, clamp(size));
+    if (written < 0)
+        would_block(session, written);
     return written < 0 ? -1 : written;
 }
 

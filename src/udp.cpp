@@ -9,13 +9,26 @@
 #include <cerrno>
 #include <cstring>
 
+#include "address_text.h"
 #include "callbacks.h"
 #include "conn_table.h"
+#include "fdset.h"
 #include "heap_buffer.h"
+#include "net.h"
 #include "socket_table.h"
 #include "tools.h"
 
 #define LOG_UNIT "udp"
+
+// Descriptors of dual-stack sockets (options key ipv6): their sends take
+// either family's text, their senders are reported as text of either.
+static select_set dual_stack{};
+
+int udp_use_ipv6(int32_t fd) {
+    if (adopt_family(fd, AF_INET6, SOCK_DGRAM, false, true) == -1 || !select_set_add(dual_stack, fd))
+        return -1;
+    return 0;
+}
 
 udp_record* udp_init(lua_State*, udp_record* record) {
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
@@ -42,6 +55,13 @@ int udp_send_to(lua_State* L, udp_record* record, const char* data, const char* 
         WS_LOG("ERROR: data and address must be text\n");
         return -1;
     }
+    if (select_set_has(dual_stack, fd)) {
+        sockaddr_storage to{};
+        const socklen_t length = address_parse(ip, static_cast<uint16_t>(port), AF_INET6, to);
+        if (length == 0)
+            return -1;  // not an address: refused as a failed sendto is
+        return static_cast<int>(sendto(fd, data, std::strlen(data), 0, reinterpret_cast<const sockaddr*>(&to), length));
+    }
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(port));
@@ -58,20 +78,26 @@ constexpr std::size_t kDatagramRoom = 65536;
 static_assert(kDatagramRoom <= UDP_RECV_CAPACITY);
 
 int udp_recv(lua_State* L, int32_t fd) {
-    sockaddr_in source{};
-    socklen_t length = sizeof source;
-    char from[INET_ADDRSTRLEN] = {};
+    sockaddr_storage stored{};  // either family; an IPv4 socket fills the sockaddr_in at its start
+    auto& source = reinterpret_cast<sockaddr_in&>(stored);
+    socklen_t length = sizeof stored;
+    char from[ADDRESS_TEXT_SIZE] = {};
     int port = -1;
     // MSG_DONTWAIT: a callback earlier in the same pass may have closed this
     // descriptor and a new socket reused the number; it must not block then.
     if (!heap_grow(received, kDatagramRoom))
         return -1;  // no memory: the datagram waits for the next pass
     char* const buffer = reinterpret_cast<char*>(received.bytes);
-    const ssize_t got = recvfrom(fd, buffer, kDatagramRoom, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&source), &length);
+    const ssize_t got = recvfrom(fd, buffer, kDatagramRoom, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&stored), &length);
     if (got >= 0) {
         buffer[got] = '\0';
-        std::strncpy(from, inet_ntoa(source.sin_addr), sizeof from - 1);
-        port = ntohs(source.sin_port);
+        uint16_t from_port = 0;
+        if (stored.ss_family == AF_INET6 && address_format(stored, from, &from_port) != nullptr)
+            port = from_port;
+        else
+            std::strncpy(from, inet_ntoa(source.sin_addr), sizeof from - 1);
+        if (stored.ss_family != AF_INET6)
+            port = ntohs(source.sin_port);
         WS_LOG("receive from %s:%d, %d\n", from, port, source.sin_port);
         receive_callback(L, fd, buffer, from, port);
     }
@@ -81,6 +107,7 @@ int udp_recv(lua_State* L, int32_t fd) {
 void udp_do_close(lua_State* L, udp_record* record, const char* reason) {
     const int32_t fd = record->sockfd;
     conn_drop(fd);
+    select_set_remove(dual_stack, fd);
     sock_rem(fd);
     close(fd);
     close_callback(L, fd, reason);

@@ -15,11 +15,14 @@
 #include "conn_table.h"
 #include "connect_machine.h"
 #include "fdset.h"
+#include "loop_conn.h"
 #include "net.h"
 #include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
+#include "ws_standard.h"
+#include "ws_url.h"
 
 #define LOG_UNIT "ws_connect"
 
@@ -217,6 +220,8 @@ int complete_text(frame_walk& w) {
             *w.err = errno;
             return -1;
         }
+        if (got == -1 && errno == EAGAIN && conn_loop_state(w.fd) != nullptr)
+            select_single(w.fd, wait_for::read, nullptr);  // the rest of the frame, as designed: waited for
         if (got == 0) {
             *w.err = errno;
             return 0;
@@ -363,9 +368,11 @@ connect_outcome prepare_connect(ws_record* ws, connect_state& c) {
     return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
 }
 
+}  // namespace
+
 // The one report of a failed connect: on_error, the close, and the lines
 // logged around them.
-int report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure) {
+int ws_report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure) {
     if (failure.log_before != nullptr)
         WS_LOG_AS("do_new_connect", "%s", failure.log_before);
     errno = failure.error;
@@ -374,6 +381,118 @@ int report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& fa
     if (failure.log_after != nullptr)
         WS_LOG_AS("do_new_connect", "%s", failure.log_after);
     return -1;
+}
+
+namespace {
+
+// ---- loop-driven connections (nonblocking) ----
+
+constexpr setup_texts kLoopTexts{"domain name resolution fail, get server ip fail!"};
+constexpr std::size_t kDefaultMaxQueue = WS_FRAME_CAPACITY;
+
+// The loop-driven state of the connection `ws` belongs to; null for a
+// designed connection, or a copy whose descriptor went to another one.
+loop_conn* loop_state(const ws_record& ws) {
+    return ws.sockfd >= 0 && conn_find(ws.sockfd, ws.guard.loop_serial) != nullptr
+               ? static_cast<loop_conn*>(conn_loop_state(ws.sockfd))
+               : nullptr;
+}
+
+// The registered record a loop-driven connection is served through (the
+// script's copy was taken before it opened); pushed, so that it stays
+// alive on this stack. `ws` itself for any other record.
+ws_record* served_record(lua_State* L, ws_record* ws) {
+    if (loop_state(*ws) == nullptr)
+        return ws;
+    int32_t kind = -1;
+    void* registered = registered_record(L, ws->sockfd, &kind);
+    return registered != nullptr && kind == SOCK_TYPE_WS ? static_cast<ws_record*>(registered) : ws;
+}
+
+// The URL, the TLS context and the name's resolution: on_error and the
+// close come from the loop when one fails.
+connect_outcome prepare_loop_connect(ws_record* ws, loop_conn& conn, conn_entry& entry) {
+    connect_state& c = conn.setup;
+    c.fd = ws->sockfd;
+    c.ws = ws;
+    c.texts = &kTexts;
+    ws->is_secure = is_secure(ws->url);
+    if (ws->is_secure == -1)
+        return connect_failed("wrong websocket url!", "wrong websocket url!", "Error: Wrong websocket url\n");
+    if (ws->is_secure == 1 && wss_ssl_init(ws) == -1)
+        return connect_failed("ssl init fail!", "ssl init fail", nullptr, "ssl init fail\n");
+    char text[ws_url_text_size(TEXT_FIELD_SIZE)];
+    ws_url_parts parts{};
+    if (ws_url_split(ws->url, text, parts) != nullptr || std::strlen(parts.host_header) >= sizeof c.host ||
+        std::strlen(parts.target) >= sizeof c.path)
+        return connect_failed("wrong websocket url!", "wrong websocket url!", "Error: Wrong websocket url\n");
+    std::memcpy(c.host, parts.host_header, std::strlen(parts.host_header) + 1);
+    std::memcpy(c.path, parts.target, std::strlen(parts.target) + 1);
+    // a port written in the URL wins; else the `port` key, as designed
+    const bool url_port = std::strchr(parts.host_header, ']') != nullptr
+                              ? std::strstr(parts.host_header, "]:") != nullptr
+                              : std::strchr(parts.host_header, ':') != nullptr;
+    const uint16_t port = url_port ? parts.port : static_cast<uint16_t>(ws->port & 0xffff);
+    WS_LOG_AS("do_new_connect", "URL is %s, Get host: %s, path: %s\n", ws->url, parts.host, c.path);
+    errno = ENOMEM;
+    if (!setup_begin(conn, entry, parts.host, port, static_cast<int64_t>(ws->timeout) * 1000, &kLoopTexts))
+        return connect_failed(nullptr, nullptr);
+    return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
+}
+
+// The tail of a set-up that opened, from the loop: the descriptor joins the
+// socket table, the registered record is marked open (so that the loop's
+// close takes it out of the table again), on_open.
+void ws_loop_opened(lua_State* L, ws_record* ws) {
+    const int32_t fd = ws->sockfd;
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now!");
+        ws_do_close(L, ws, "socktbl is full now!");
+        return;
+    }
+    ws->status = WS_STATUS_OPEN;
+    WS_LOG_IN("luacli", "ws_connect", "Will do on open\n");
+    connect_callback(L, fd);
+    WS_LOG_IN("luacli", "ws_connect", "Connect callback out\n");
+}
+
+// The open connection's part of the step: the dialect writes what its
+// sends left queued. (The standard mode's step belongs here too: a
+// connection with `rfc6455` set hands this call to it.)
+int ws_open_step(lua_State* L, ws_record* ws, loop_conn& conn, conn_entry& entry) {
+    tls_session* tls = nullptr;
+    if (!stream_of(*ws, &tls) || loop_drain(conn, entry, ws->sockfd, tls) == -1) {
+        const int32_t fd = ws->sockfd;
+        report_and_close(L, fd, std::strerror(errno), std::strerror(errno),
+                         [&](const char* text) { ws_do_close(L, ws, text); });
+        return -1;
+    }
+    return 0;
+}
+
+// ws_send on a loop-driven connection: queued behind what waits, bounded by
+// max_queue. Still being set up: nothing is sent (0, on_error).
+int ws_send_queued(lua_State* L, ws_record* ws, loop_conn& conn, const uint8_t* frame, uint32_t size,
+                   std::size_t length) {
+    const int32_t fd = ws->sockfd;
+    conn_entry* entry = conn_at(fd);
+    tls_session* tls = nullptr;
+    if (!stream_of(*ws, &tls))
+        return -1;
+    switch (loop_send(conn, *entry, fd, tls, frame, size)) {
+    case queued_send::full:
+        errno = ENOBUFS;
+        error_callback(L, fd, errno, "send queue full");
+        return 0;
+    case queued_send::failed: {
+        const int error = errno;
+        report_and_close(L, fd, std::strerror(error), std::strerror(error),
+                         [&](const char* text) { ws_do_close(L, ws, text); });
+        return -1;
+    }
+    default:
+        return static_cast<int>(length);
+    }
 }
 
 }  // namespace
@@ -407,7 +526,7 @@ int do_new_connect(lua_State* L, ws_record* ws) {
     if (outcome.what != connect_outcome::failed)
         outcome = connect_blocking(c);
     connect_release(c);  // what followed the answer in its read is dropped, as designed
-    return outcome.what == connect_outcome::opened ? 1 : report_failed_connect(L, ws, outcome);
+    return outcome.what == connect_outcome::opened ? 1 : ws_report_failed_connect(L, ws, outcome);
 }
 
 int ws_opened(lua_State* L, ws_record* ws) {
@@ -454,8 +573,11 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     }
     ws->ssl = nullptr;
     ws->ssl_ctx = nullptr;
-    if (ws->status == WS_STATUS_OPEN)
-        sock_rem(ws->sockfd);  // other statuses leave the table alone, deliberately
+    const ws_standard_end standard = ws_standard_ending(ws->sockfd);  // before the entry goes
+    // other statuses leave the table alone, deliberately; a standard-mode
+    // connection always leaves it, so its end closes no other socket
+    if (ws->status == WS_STATUS_OPEN || standard.standard)
+        sock_rem(ws->sockfd);
     if (ws->sockfd != -1) {
         conn_drop(ws->sockfd);  // the connection's state and buffers go with its descriptor
         release_buffers(ws->sockfd);
@@ -464,15 +586,25 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
         ws_udata_close(L, ws->sockfd);
     }
     // The caller keeps the object on its stack (callbacks.cpp).
-    if (can_report_close(L, ws->sockfd))
+    if (can_report_close(L, ws->sockfd) && standard.standard)
+        close_callback_coded(L, ws->sockfd, reason, standard.code, standard.peer_closed ? standard.reason : nullptr,
+                             standard.reason_size);
+    else if (can_report_close(L, ws->sockfd))
         close_callback(L, ws->sockfd, reason);
     ws->sockfd = -1;
 }
 
 int ws_send(lua_State* L, ws_record* ws, const char* data, std::size_t length) {
     WS_LOG(">>> send <<<\n");
+    ws = served_record(L, ws);
     tls_settle_stale_copy(*ws);
     const int32_t fd = ws->sockfd;
+    loop_conn* conn = loop_state(*ws);
+    if (conn != nullptr && conn_at(fd)->phase != connect_phase::open) {
+        errno = ENOTCONN;
+        error_callback(L, fd, errno, "connection is being set up");
+        return 0;
+    }
     const sock_header* registered = push_registered(L, fd);
     if (is_closed(*ws, registered)) {
         closed_socket_callback(L, fd, ws->status == WS_STATUS_CREATED, registered == nullptr);
@@ -485,7 +617,7 @@ int ws_send(lua_State* L, ws_record* ws, const char* data, std::size_t length) {
     }
 
     timeval no_wait{0, 0};
-    const int ready = select_single(fd, wait_for::write, &no_wait);
+    const int ready = conn != nullptr ? 1 : select_single(fd, wait_for::write, &no_wait);
     if (ready == -1) {
         const int error = errno;
         WS_LOG("Send select error %d: %s\n", error, std::strerror(error));
@@ -504,6 +636,8 @@ int ws_send(lua_State* L, ws_record* ws, const char* data, std::size_t length) {
     uint32_t framesize = 0;
     heap_claim(send_frame, fd);
     const uint8_t* frame = build_frame(data, length, &framesize);
+    if (conn != nullptr && frame != nullptr)
+        return ws_send_queued(L, ws, *conn, frame, framesize, length);
     WS_LOG("will send buf\n");
     // once: a short write is not completed; a frame with no memory fails as a write would (ENOMEM)
     const long sent = frame != nullptr ? write_once(*ws, frame, framesize) : -1;
@@ -559,4 +693,58 @@ int ws_recv(lua_State* L, int32_t fd, int* err) {
     if (status != 0)
         lua_error(L);  // the lookup's error, passed on
     return walk.result;
+}
+
+// ---- loop-driven connections ----
+
+int ws_connect_loop(lua_State* L, ws_record* ws) {
+    ws->status = WS_STATUS_CONNECTING;
+    WS_LOG("Come in connect\n");
+    loop_conn* conn = loop_conn_attach(ws->sockfd);
+    if (conn == nullptr) {
+        errno = ENOMEM;
+        ws_report_failed_connect(L, ws, connect_failed(nullptr, nullptr));
+        return 0;
+    }
+    conn_entry* entry = conn_at(ws->sockfd);
+    ws->guard.loop_serial = entry->serial;
+    conn->max_queue = ws->guard.max_queue > 0 ? static_cast<std::size_t>(ws->guard.max_queue) : kDefaultMaxQueue;
+    const connect_outcome prepared = prepare_loop_connect(ws, *conn, *entry);
+    if (prepared.what == connect_outcome::failed)
+        setup_fail_later(*conn, *entry, prepared);
+    push_record_copy(L, *ws, METATABLE_WS);  // the registered record stays the loop's
+    return 1;
+}
+
+int ws_step(lua_State* L, int32_t fd) {
+    if (ws_standard_at(fd))
+        return ws_standard_step(L, fd);
+    int32_t kind = -1;
+    auto* ws = static_cast<ws_record*>(registered_record(L, fd, &kind));
+    loop_conn* conn = ws != nullptr && kind == SOCK_TYPE_WS ? loop_state(*ws) : nullptr;
+    if (conn == nullptr)
+        return 0;
+    conn_entry& entry = *conn_at(fd);
+    if (entry.phase == connect_phase::open)
+        return ws_open_step(L, ws, *conn, entry);
+    conn->setup.ws = ws;  // the registered block, wherever it is now
+    const connect_outcome outcome = setup_advance(*conn, entry, monotonic_ms());
+    if (outcome.what == connect_outcome::failed)
+        return ws_report_failed_connect(L, ws, outcome);
+    if (outcome.what == connect_outcome::opened)
+        ws_loop_opened(L, ws);
+    return 0;
+}
+
+int ws_close_served(lua_State* L, ws_record* ws) {
+    ws_record* served = served_record(L, ws);
+    if (served == ws)
+        return 0;
+    const conn_entry* entry = conn_at(served->sockfd);
+    if (entry != nullptr && entry->phase == connect_phase::open)
+        ws_send_close(L, served);  // nothing goes out half-way through a set-up
+    ws_do_close(L, served, "User do close");
+    ws->sockfd = -1;
+    ws->status = WS_STATUS_CLOSED;
+    return 1;
 }

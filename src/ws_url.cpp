@@ -115,6 +115,7 @@ const char* ws_url_split(std::string_view url, std::span<char> text, ws_url_part
         return why;
     const uint16_t standard = parts.secure ? 443 : 80;
     parts.port = standard;
+    parts.port_written = port_text.data() != nullptr;
     if (port_text.data() != nullptr && !parse_port(port_text, parts.port))
         return "bad port in the URL";
     char port_suffix[8] = "";

@@ -57,6 +57,11 @@ run ws_echo 0 ws_echo.lua \
 WS_URL="wss://127.0.0.1/echo" PEER_WS_PORT="$PEER_WSS_PORT" run ws_echo_over_wss 0 ws_echo.lua \
   "6 echoes over 2 connections, 2 rounds complete"
 
+run ws_standard 0 ws_standard.lua \
+  "ws    open, protocol echo" "ws    text 'a\\0b' (3 bytes)" "ws    binary of 100000 bytes, intact" \
+  "ws    closed: User do close, code 4000, reason 'done'" "wss   binary of 100000 bytes, intact" \
+  "summary: 2 of 2 closed"
+
 run tcp_http 0 tcp_http.lua \
   "re:sent [0-9]+ bytes" \
   "| HTTP/1.1 200 OK" \

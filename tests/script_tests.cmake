@@ -59,3 +59,11 @@ if(WS_CLIENT_EXPECT_TLS_LIBRARY)
   set_tests_properties(tls_library_${WS_CLIENT_LUA_BIN} PROPERTIES
     ENVIRONMENT "LUA_CPATH=${PROJECT_BINARY_DIR}/?.so" TIMEOUT 60)
 endif()
+
+# Standard mode against two independent servers, python3-websockets and Node's ws: one entry each.
+foreach(server python node)
+  add_test(NAME interop_${server}_${WS_CLIENT_LUA_BIN}
+           COMMAND ${WS_CLIENT_INTERPRETER} ${script_tests_dir}/lua/interop_test.lua ${server})
+  set_tests_properties(interop_${server}_${WS_CLIENT_LUA_BIN} PROPERTIES TIMEOUT 120
+    ENVIRONMENT "LUA_CPATH=${PROJECT_BINARY_DIR}/?.so;PEERS=${script_tests_dir}/peers;NODE_PATH=/usr/share/nodejs")
+endforeach()

@@ -298,24 +298,33 @@ local function core_error(obj, options, errno, text)
   end
 end
 
-local function core_close(obj, options, reason)
+local function core_close(obj, options, reason, code, peer_reason)
   if options ~= obj.options then return end
   local c = capture
   if c and c.obj == obj then c.closed = true; c.reason = reason end
   if c and c.obj == obj and c.connecting then return end  -- reported as nil, err
   obj.options, obj.core = nil, nil
   open_count = open_count - 1
-  if obj.code == WS and not obj.closing and obj.fd then purge(obj.fd) end
+  if obj.code == WS and not obj.standard and not obj.closing and obj.fd then purge(obj.fd) end
   obj.state = "closed"
-  fire(obj, "on_close", reason)
+  fire(obj, "on_close", reason, code, peer_reason)
   if obj.reconnect and not obj.closing and obj.state == "closed" then schedule_reconnect(obj) end
   end_if_idle()
 end
+
+-- passed to the core in standard mode (checked there)
+local STANDARD_KEYS = { protocols = true, headers = true, max_message = true, max_queue = true, close_timeout = true,
+  ping_interval = true, pong_timeout = true }
 
 local function core_options(obj)
   local o = { type = obj.code }
   if obj.code == WS then
     o.url, o.port, o.timeout, o.crt, o.prikey = obj.core_url, obj.port, obj.timeout, "", ""
+    if obj.standard then  -- the core's standard mode and its keys
+      o.rfc6455 = true
+      for k in pairs(STANDARD_KEYS) do o[k] = obj.standard[k] end
+      o.on_open = function(protocol) obj.protocol = protocol end
+    end
   elseif obj.code == TCP then
     o.ip, o.port, o.is_secure = obj.host, obj.port, obj.cert and 1 or 0
     o.crt, o.prikey = obj.cert or "", obj.key or ""
@@ -323,7 +332,7 @@ local function core_options(obj)
   for k, v in pairs(obj.passed or {}) do o[k] = v end
   o.on_message = function(data, from, port) stir(); fire(obj, "on_message", data, from, port) end
   o.on_error = function(errno, text) stir(); core_error(obj, o, errno, text) end
-  o.on_close = function(reason) stir(); core_close(obj, o, reason) end
+  o.on_close = function(reason, code, peer_reason) stir(); core_close(obj, o, reason, code, peer_reason) end
   return o
 end
 
@@ -391,8 +400,10 @@ end
 local function option_error(name, problem) error("ws_client.easy: option '" .. name .. "' " .. problem, 0) end
 
 local CALLBACKS = { on_open = true, on_message = true, on_close = true, on_reconnect = true }
+local WS_KEYS = { timeout = true, reconnect = true, standard = true }
+for k in pairs(STANDARD_KEYS) do WS_KEYS[k] = true end
 local ALLOWED = {
-  ws = { timeout = true, reconnect = true }, wss = { timeout = true, reconnect = true },
+  ws = WS_KEYS, wss = WS_KEYS,
   tcp = { reconnect = true }, tls = { reconnect = true, cert = true, key = true }, udp = {},
 }
 -- The core's own opt-in keys, handed to it as given (its checks and errors
@@ -431,6 +442,11 @@ local function take_options(obj, scheme, options)
     if t == nil then t = 5 end
     if type(t) ~= "number" or t ~= t or t < 0 or t > 86400 then option_error("timeout", "must be seconds (0 to 86400)") end
     obj.timeout = math.ceil(t)
+    if options.standard ~= nil and type(options.standard) ~= "boolean" then option_error("standard", "must be a boolean") end
+    if options.standard ~= false then
+      obj.standard = {}
+      for k in pairs(STANDARD_KEYS) do obj.standard[k] = options[k] end
+    end
   elseif scheme == "tls" then
     obj.cert, obj.key = check_text(options, "cert"), check_text(options, "key")
   end
@@ -520,16 +536,18 @@ end
 
 -- send(data): bytes sent, or nil, error text, errno. The data is sent as
 -- text; a zero byte would end it, so such data is refused whole.
-function Socket:send(data)
+function Socket:send(data, kind)
   if self.code == UDP then error("send: a udp object sends with sendto(data, ip, port)", 2) end
   data = check_data(data, "send")
   if self.state ~= "open" then return nil, "closed" end
-  if data:find("\0", 1, true) then return nil, "data holds a zero byte" end
-  if self.code == WS and #data > 65535 then return nil, "message longer than 65535 bytes" end
-  local n, c = captured(self, false, self.code == WS and core.ws_send or core.tcp_send, self.core, data)
+  if not self.standard and data:find("\0", 1, true) then return nil, "data holds a zero byte" end
+  if self.code == WS and not self.standard and #data > 65535 then return nil, "message longer than 65535 bytes" end
+  local n, c
+  if self.standard then n, c = captured(self, false, core.ws_send, self.core, data, kind or "text")
+  else n, c = captured(self, false, self.code == WS and core.ws_send or core.tcp_send, self.core, data) end
   if c.closed then return nil, c.err or c.reason, c.errno end
   if n < 0 then return nil, c.err or "send failed", c.errno end
-  if n == 0 and #data > 0 then return nil, "timeout", c.errno end  -- not writable: dropped
+  if n == 0 and #data > 0 then return nil, self.standard and "queue full" or "timeout", c.errno end  -- dropped
   return n
 end
 
