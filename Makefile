@@ -136,6 +136,8 @@ bench: deps
 	$(BENCH_BUILD)/bench/ws_roundtrip_bench
 	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so" LUA_PATH="$(CURDIR)/src/?.lua;;" \
 	  scripts/with_peer.sh -- lua5.1 bench/easy_roundtrip.lua
+	LUA_CPATH="$(CURDIR)/$(BENCH_BUILD)/?.so;;" LUA_PATH="$(CURDIR)/src/?.lua;;" \
+	  scripts/with_peer.sh -- lua5.1 bench/easy_step.lua
 	bench/nonblocking.sh $(CURDIR)/$(BENCH_BUILD)
 	bench/footprint.sh lua5.1 $(BENCH_BUILD) openssl
 

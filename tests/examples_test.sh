@@ -98,9 +98,15 @@ else
     "5 sent, 5 echoed"
 fi
 
-# The README's tour as written, but for the port the peer got.
+# The README's first script (ws_client.easy) and its tour of the core as
+# written, but for the port the peer got.
+readme_block() { awk -v want="$1" '/^```lua$/ { n++; on = n == want; next } /^```$/ { on = 0 } on' "$root/README.md"; }
 tour="$reports/tour.lua"
-sed -n '/^```lua$/,/^```$/{/^```/d;p}' "$root/README.md" | sed "s/port = 8801,/port = $PEER_WS_PORT,/" >"$tour"
+readme_block 2 | sed "s/port = 8801,/port = $PEER_WS_PORT,/" >"$tour"
+if [ -z "${SKIP_EASY:-}" ]; then
+  readme_block 1 | sed "s|:8801/|:$PEER_WS_PORT/|" >"$reports/first.lua"
+  run readme_first 0 "$reports/first.lua" "got hello" "closed: User do close"
+fi
 run readme_tour 0 "$tour" "open" "got hello" "closed: User do close"
 
 run wss_verify 0 wss_verify.lua \

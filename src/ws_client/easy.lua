@@ -103,6 +103,11 @@ end
 local heap, serial = {}, 0  -- binary heap of live timers by (due, serial); each knows its place
 local running, stopping, interval = false, false, nil
 local stirred = false  -- a socket callback or a timer ran since the last tick
+local stepping = false  -- inside step(): a socket callback ends the pass
+local function stir()
+  stirred = true
+  if stepping then core.loop_stop() end
+end
 local open_count = 0
 local function idle() return open_count == 0 and heap[1] == nil end
 -- Nothing left to serve: run() returns at the end of this pass (from a
@@ -325,9 +330,9 @@ local function core_options(obj)
     o.crt, o.prikey = obj.cert or "", obj.key or ""
   end
   for k, v in pairs(obj.passed or {}) do o[k] = v end
-  o.on_message = function(data, from, port) stirred = true; fire(obj, "on_message", data, from, port) end
-  o.on_error = function(errno, text) stirred = true; core_error(obj, o, errno, text) end
-  o.on_close = function(reason, code, peer_reason) stirred = true; core_close(obj, o, reason, code, peer_reason) end
+  o.on_message = function(data, from, port) stir(); fire(obj, "on_message", data, from, port) end
+  o.on_error = function(errno, text) stir(); core_error(obj, o, errno, text) end
+  o.on_close = function(reason, code, peer_reason) stir(); core_close(obj, o, reason, code, peer_reason) end
   return o
 end
 
@@ -479,6 +484,9 @@ local function parse(url, options)
     option_error("url", "must start with ws://, wss://, tcp:// or tls:// (got '" .. url .. "')")
   end
   local host, port = authority:match("^(.*):(%d+)$")
+  if not host and authority:find(":") and not authority:find("[%[%]]") then
+    option_error("url", "has a port that is not a number (got '" .. authority .. "')")
+  end
   if not host then host, port = authority, DEFAULT_PORT[scheme] end
   port = tonumber(port)
   if host == "" or host:find("[@%[%]:]") then option_error("url", "has no usable host (name or IPv4 address)") end
@@ -493,7 +501,7 @@ local function parse(url, options)
     obj.code = TCP
     local a, b, c, d = host:match("^(%d+)%.(%d+)%.(%d+)%.(%d+)$")
     if not a or tonumber(a) > 255 or tonumber(b) > 255 or tonumber(c) > 255 or tonumber(d) > 255 then
-      option_error("url", "needs a dotted IPv4 address for " .. scheme .. "://")
+      option_error("url", "needs a dotted IPv4 address for " .. scheme .. ":// (host names are not looked up)")
     end
     if path ~= "" and path ~= "/" then option_error("url", "takes no path for " .. scheme .. "://") end
   end
@@ -581,6 +589,14 @@ function Socket:close()
   return true
 end
 
+-- getfd(): the descriptor the core watches for this object, or nil while it
+-- has none (closed, reconnecting, a udp object before its first sendto); a
+-- reconnect changes it. LuaSocket's select() asks objects for getfd(), cqueues'
+-- poll for pollfd() and events().
+function Socket:getfd() return self.core and self.fd or nil end
+Socket.pollfd = Socket.getfd
+function Socket:events() return "r" end
+
 -- ---- the loop ---------------------------------------------------------------
 
 -- On the 2 ms poll a pass sleeps towards the next timer (and fires it when
@@ -642,7 +658,7 @@ end
 -- run(): serves every socket and timer until stop() is called, or until no
 -- object is open or reconnecting and no timer is pending.
 function M.run()
-  if running then error("run: the loop is already running", 2) end
+  if running or stepping then error("run: the loop is already running", 2) end
   running, stopping = true, false
   quiet_since = clock()  -- what came before is waiting in the kernel: the first select() sees it
   local ok, err = pcall(function()
@@ -661,6 +677,48 @@ end
 function M.stop()
   stopping = true
   if running then core.loop_stop() end
+end
+
+-- ---- driven from outside ---------------------------------------------------
+
+-- A pass of whole seconds whose select() timed out comes back to the periodic
+-- function, which raises: a loop_stop() there would wait one more tick.
+local PASS_OVER = {}
+local function pass_over() error(PASS_OVER, 0) end
+local function poll_once() core.loop_stop() end
+
+local function pass(timeout)
+  stirred = false
+  local t = heap[1] and fire_timers(clock())  -- no timer: no clock read
+  local due = next_due()
+  local wait = math.floor(math.min(timeout, due and due - t or timeout, 86400))
+  if stirred then wait = 0 end  -- what a timer sent may be answered at once
+  local done, e = pcall(core.loop_start, wait == 0 and poll_once or pass_over, 1, wait)
+  if not done and e ~= PASS_OVER then done, e = pcall(recover, e) end
+  unshield()
+  if not done and e ~= PASS_OVER then error(e, 0) end
+  if not heap[1] then return nil end
+  t = fire_timers(clock())
+  due = next_due()
+  return due and math.max(0, due - t) or nil
+end
+
+-- step(timeout): fires the timers that are due, runs one pass of the core's
+-- loop (one select() over the module's sockets, their callbacks), fires what
+-- came due meanwhile and returns the seconds until the next timer (nil: none).
+-- The select() waits whole seconds only, never past the timeout or the next
+-- timer: below a second (and after a timer ran) it is the core's 2 ms poll.
+function M.step(timeout)
+  if timeout == nil then timeout = 0 end
+  if type(timeout) ~= "number" or not (timeout >= 0) then
+    error("bad argument #1 to 'step' (seconds >= 0 expected)", 2)
+  end
+  if running or stepping then error("step: the loop is already running", 2) end
+  stepping = true
+  local ok, r = pcall(pass, timeout)
+  stepping = false
+  if not ok then error(r, 0) end
+  return r
 end
 
 return M

@@ -14,6 +14,7 @@ for _, case in ipairs({
   { "http://" .. H .. ":1/", nil, "option 'url' must start with" },
   { "tcp://localhost:80", nil, "option 'url' needs a dotted IPv4" },
   { "tcp://1.2.3.4", nil, "option 'url' needs a port" },
+  { "ws://h:80x/", nil, "option 'url' has a port that is not a number" },
   { "ws://h:70000/", nil, "option 'url' has a port out of range" },
   { "tls://1.2.3.4:5", { key = "k" }, "option 'cert' is required" },
   { "tls://1.2.3.4:5", { cert = ("c"):rep(200), key = "k" }, "option 'cert' is longer than 199" },
@@ -146,5 +147,28 @@ check(seen["over tls"] >= 2 and seen["tls reconnected"] >= 2 and seen["tls retry
 for i, a in ipairs(attempts) do check(a[1] == i and (i == #attempts) == (a[2] == nil), "attempt", i, unpack(a)) end
 again:close(); tls:close()
 easy.run()  -- nothing left: returns at once
+
+-- step(timeout): whole seconds of wait at most, cut short by the module's traffic and its next timer
+local n_echo, core, nested = 0, require("ws_client"), nil
+local stepped = assert(easy.connect(url("ws", "WS", "/echo"), { on_message = function() n_echo = n_echo + 1 end }))
+check(type(stepped:getfd()) == "number" and easy.udp():getfd() == nil, "getfd", stepped:getfd())
+-- timeout, timer due in, least and most seconds, echoes (1: sends first), seconds left
+for _, case in ipairs({ { 0.9, nil, 0, 0.1, 0 }, { 2, nil, 1.9, 2.5, 0 }, { 3, nil, 0, 0.5, 1 }, { 5, 1.5, 0.9, 1.4, 0, 0.5 } }) do
+  local timer, t, before = case[2] and easy.after(case[2], print), easy.now(), n_echo
+  if case[5] == 1 then stepped:send("step") end
+  local left = easy.step(case[1]); t = easy.now() - t
+  check(t >= case[3] and t <= case[4] and n_echo - before == case[5] and math.abs((left or 0) - (case[6] or 0)) < 0.15,
+    "step", case[1], t, n_echo - before, left)
+  if timer then timer:cancel() end
+end
+-- a bare core WebSocket closed by its server: the next select() fails, step() survives the sweep
+core.ws_send(core.ws_connect(core.ws_new(), { type = 0, url = "ws://" .. H .. "/close", port = port("WS"), timeout = 3,
+  crt = "", prikey = "", on_close = function() stepped:send("after") end }), "bye")
+local t, before = easy.now(), n_echo
+repeat easy.step(1) until n_echo > before or easy.now() - t > 4
+check(n_echo == before + 1 and stepped.state == "open", "step through the sweep", n_echo - before)
+easy.after(0, function() nested = select(2, pcall(easy.run)) end); easy.step(0); stepped:close()
+check(tostring(nested):find("already running"), "run inside step", nested)
+
 print(failed == 0 and "all passed" or failed .. " failed")
 os.exit(failed == 0 and 0 or 1)
