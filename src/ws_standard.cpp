@@ -2,7 +2,6 @@
 // keepalive.
 #include "ws_standard.h"
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,13 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "address_text.h"
 #include "callbacks.h"
 #include "fdset.h"
 #include "loop_conn.h"
 #include "conn_table.h"
 #include "connect_machine.h"
 #include "net.h"
+#include "resolve.h"
 #include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
@@ -300,11 +299,11 @@ void stream_ended(lua_State* L, std_conn& c) {
 
 constexpr connect_texts kTexts{"ssl connect fail!", "ssl_connect_fail"};
 
-// An IPv6 literal as the host: the record's descriptor becomes an IPv6
-// socket under the same number (its registrations stay) and connects within
-// `timeout` seconds (0: a plain blocking connect). 0, or -1 with errno.
-int connect_ipv6(ws_record& ws, const sockaddr_storage& address, socklen_t length) {
-    const int fresh = socket(AF_INET6, SOCK_STREAM, 0);
+// The record's descriptor becomes a socket of the address's family under the
+// same number (its registrations stay) and connects within `timeout`
+// seconds (0: a plain blocking connect). 0, or -1 with errno.
+int connect_address(ws_record& ws, const sockaddr_storage& address, socklen_t length) {
+    const int fresh = socket(address.ss_family, SOCK_STREAM, 0);
     if (fresh == -1)
         return -1;
     const int moved = dup2(fresh, ws.sockfd);
@@ -342,25 +341,45 @@ connect_outcome split_target(ws_record* ws, std::span<char> text, ws_url_parts& 
     return kNext;
 }
 
-// The designed connect's address: an IPv6 literal connected here (the TCP
-// phase is then done), else the name resolved to IPv4 as designed.
-connect_outcome blocking_address(ws_record* ws, const ws_url_parts& parts, uint16_t port, connect_state& c) {
-    sockaddr_storage v6{};
-    const socklen_t v6_length = std::strchr(parts.host, ':') != nullptr ? address_parse(parts.host, port, AF_INET6, v6) : 0;
-    if (v6_length != 0) {
-        if (connect_ipv6(*ws, v6, v6_length) == -1 ||
-            (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1))
-            return connect_failed(nullptr, nullptr);
-        c.phase = parts.secure ? connect_phase::tls : connect_phase::send_upgrade;
+// A query run to its end in this call: the connect blocks, as the designed one does.
+void resolve_here(resolve_query& query) {
+    static select_set readers{}, writers{};
+    while (query.state == resolve_state::pending) {
+        select_set_clear(readers);
+        select_set_clear(writers);
+        int highest = -1;
+        (void)resolve_watch(query, readers, writers, &highest);  // unwatched: the query's own time-out ends it
+        const long ms = resolve_wait_ms(query);
+        timeval wait{ms / 1000, ms % 1000 * 1000};
+        const int ready = select(highest + 1, select_set_fds(readers), select_set_fds(writers), nullptr, &wait);
+        resolve_advance(query, ready > 0 ? &readers : nullptr, ready > 0 ? &writers : nullptr);
     }
-    char server_ip[16] = {};
-    if (v6_length == 0 && get_ip(parts.host, server_ip) == nullptr)
+}
+
+// The host resolved to IPv6 and IPv4 addresses, each connected in turn until
+// one takes (the TCP phase is then done); the failure of the last is the one
+// reported.
+connect_outcome blocking_address(ws_record* ws, const ws_url_parts& parts, uint16_t port, connect_state& c) {
+    // the query needs a bound of its own when the connect has none
+    const int bound_ms = ws->timeout > 0 ? static_cast<int>(std::min<int64_t>(ws->timeout * int64_t{1000}, INT32_MAX)) : 30000;
+    resolve_query* query = resolve_start(parts.host, port, bound_ms);
+    if (query != nullptr)
+        resolve_here(*query);
+    if (query == nullptr || query->state != resolve_state::done) {
+        errno = query != nullptr ? query->error : ENOMEM;
+        resolve_free(query);
         return connect_failed("domain name resolution fail, get server ip fail!",
                               "domain name resolution fail, get server ip fail!", "Get server_ip: \n", "return -1\n");
-    WS_LOG("%s: %s port %u\n", ws->url, server_ip, static_cast<unsigned>(port));
-    c.address.sin_family = AF_INET;
-    c.address.sin_port = htons(port);
-    c.address.sin_addr.s_addr = inet_addr(server_ip);
+    }
+    int connected = -1;
+    for (std::size_t i = 0; i < query->count && connected == -1; ++i)
+        connected = connect_address(*ws, query->addresses[i].address, query->addresses[i].length);
+    const int error = errno;
+    resolve_free(query);
+    errno = error;
+    if (connected == -1 || (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1))
+        return connect_failed(nullptr, nullptr);
+    c.phase = parts.secure ? connect_phase::tls : connect_phase::send_upgrade;
     return kNext;
 }
 

@@ -198,6 +198,18 @@ TEST_F(SocketTest, NonblockingIpv6AndNames) {
     }
     LUA_OK("ws.loop_start(deadline(0.5), 1, 0); table.sort(got); got = table.concat(got, ',')");
     EXPECT_EQ(eval("got"), "a ::1 " + std::to_string(ntohs(at6.sin6_port)) + ",b 127.0.0.1 " + std::to_string(e4_port));
+    if (cares) {  // the standard mode's own connect resolves names to IPv6 too
+        uint16_t named_port = 0;
+        const int named6 = silent_listener(&named_port, false, true);
+        std::string request;  // read, then the connection closed: the handshake fails at once
+        std::thread reader([&] { request = accept_and_read(named6); });
+        LUA_OK("clear_events(); ws.ws_connect(ws.ws_new(), opts{ type = 0, url = 'ws://peer.test:" + std::to_string(named_port) +
+               "/b6', port = 1, timeout = 2, crt = '', prikey = '', rfc6455 = true })");
+        reader.join();
+        EXPECT_THAT(events(), MatchesRegex("error:[^|]*\\|close:handshake fail"));
+        EXPECT_THAT(request, ::testing::StartsWith("GET /b6 HTTP/1.1\r\nHost: peer.test:"));
+        close(named6);
+    }
     for (int fd : {v6, v4, ws6, std6, e6, e4})
         close(fd);
 }
