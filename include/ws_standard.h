@@ -17,6 +17,20 @@
 // object, nil (socket table full), or none after a failure was reported.
 int ws_standard_connect(lua_State* L, ws_record* ws, const standard_options& options);
 
+// The same with nonblocking = true: returns a copy of the record at once and
+// leaves the set-up to the loop (include/loop_conn.h); failures and on_open
+// come from the loop.
+int ws_standard_connect_loop(lua_State* L, ws_record* ws, const standard_options& options);
+
+// The loop's call once a set-up opened: when it is a standard-mode one, the
+// connection becomes standard (on_open(protocol), then the frames that came
+// with the answer) and true; false for a designed set-up.
+struct connect_state;
+bool ws_standard_loop_opened(lua_State* L, ws_record* ws, const connect_state& setup);
+
+// Whether fd is a standard-mode set-up the loop drives.
+bool ws_standard_setting_up(int32_t fd);
+
 // Whether fd belongs to an open standard-mode connection.
 bool ws_standard_at(int32_t fd);
 

@@ -49,8 +49,6 @@ static int ws_connect(lua_State* L) {
     read_guard(L, record->guard, false);
     standard_options standard;
     read_standard(L, standard);
-    luaL_argcheck(L, !(standard.on && record->guard.nonblocking), lua_gettop(L),
-                  "rfc6455 and nonblocking cannot be combined yet");
     const int32_t fd = record->sockfd;
     // A closed object has no descriptor to register under.
     luaL_argcheck(L, fd != -1, 1, "socket has been closed");
@@ -60,6 +58,8 @@ static int ws_connect(lua_State* L) {
     // The object stays at 1 until the record's last use (callbacks.cpp): the
     // registry entry is replaced below.
     lua_settop(L, 1);
+    if (standard.on && record->guard.nonblocking)
+        return ws_standard_connect_loop(L, record, standard);
     if (standard.on)
         return ws_standard_connect(L, record, standard);
     if (record->guard.nonblocking)
@@ -71,7 +71,7 @@ static int ws_connect(lua_State* L) {
 
 static int ws_do_send(lua_State* L) {
     ws_record* record = check_ws_client(L, 1);
-    if (ws_standard_at(record->sockfd))
+    if (ws_standard_at(record->sockfd) || ws_standard_setting_up(record->sockfd))
         return ws_standard_send(L, record);
     const int last = lua_gettop(L);
     const char* data = lua_tolstring(L, last, nullptr);  // numbers are converted

@@ -731,7 +731,7 @@ int ws_step(lua_State* L, int32_t fd) {
     const connect_outcome outcome = setup_advance(*conn, entry, monotonic_ms());
     if (outcome.what == connect_outcome::failed)
         return ws_report_failed_connect(L, ws, outcome);
-    if (outcome.what == connect_outcome::opened)
+    if (outcome.what == connect_outcome::opened && !ws_standard_loop_opened(L, ws, conn->setup))
         ws_loop_opened(L, ws);
     return 0;
 }

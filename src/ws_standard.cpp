@@ -2,7 +2,6 @@
 // keepalive.
 #include "ws_standard.h"
 
-#include <arpa/inet.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,13 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "address_text.h"
 #include "callbacks.h"
 #include "fdset.h"
 #include "loop_conn.h"
 #include "conn_table.h"
 #include "connect_machine.h"
 #include "net.h"
+#include "resolve.h"
 #include "socket_table.h"
 #include "tls_owner.h"
 #include "tools.h"
@@ -300,11 +299,11 @@ void stream_ended(lua_State* L, std_conn& c) {
 
 constexpr connect_texts kTexts{"ssl connect fail!", "ssl_connect_fail"};
 
-// An IPv6 literal as the host: the record's descriptor becomes an IPv6
-// socket under the same number (its registrations stay) and connects within
-// `timeout` seconds (0: a plain blocking connect). 0, or -1 with errno.
-int connect_ipv6(ws_record& ws, const sockaddr_storage& address, socklen_t length) {
-    const int fresh = socket(AF_INET6, SOCK_STREAM, 0);
+// The record's descriptor becomes a socket of the address's family under the
+// same number (its registrations stay) and connects within `timeout`
+// seconds (0: a plain blocking connect). 0, or -1 with errno.
+int connect_address(ws_record& ws, const sockaddr_storage& address, socklen_t length) {
+    const int fresh = socket(address.ss_family, SOCK_STREAM, 0);
     if (fresh == -1)
         return -1;
     const int moved = dup2(fresh, ws.sockfd);
@@ -327,9 +326,10 @@ int connect_ipv6(ws_record& ws, const sockaddr_storage& address, socklen_t lengt
     return result;
 }
 
-connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connect_state& c, ws_upgrade& u,
-                                std::span<char> text) {
-    ws_url_parts parts{};
+constexpr connect_outcome kNext{connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
+
+// The URL and, for wss, the TLS context: the host to resolve and the port.
+connect_outcome split_target(ws_record* ws, std::span<char> text, ws_url_parts& parts, uint16_t& port) {
     if (const char* why = ws_url_split(ws->url, text, parts)) {
         WS_LOG("%s: %s\n", ws->url, why);
         return connect_failed("wrong websocket url!", "wrong websocket url!", "Error: Wrong websocket url\n");
@@ -337,27 +337,61 @@ connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connec
     ws->is_secure = parts.secure ? 1 : 0;
     if (parts.secure && wss_ssl_init(ws) == -1)
         return connect_failed("ssl init fail!", "ssl init fail", nullptr, "ssl init fail\n");
+    port = parts.port_written ? parts.port : static_cast<uint16_t>(ws->port & 0xffff);
+    return kNext;
+}
+
+// A query run to its end in this call: the connect blocks, as the designed one does.
+void resolve_here(resolve_query& query) {
+    static select_set readers{}, writers{};
+    while (query.state == resolve_state::pending) {
+        select_set_clear(readers);
+        select_set_clear(writers);
+        int highest = -1;
+        (void)resolve_watch(query, readers, writers, &highest);  // unwatched: the query's own time-out ends it
+        const long ms = resolve_wait_ms(query);
+        timeval wait{ms / 1000, ms % 1000 * 1000};
+        const int ready = select(highest + 1, select_set_fds(readers), select_set_fds(writers), nullptr, &wait);
+        resolve_advance(query, ready > 0 ? &readers : nullptr, ready > 0 ? &writers : nullptr);
+    }
+}
+
+// The host resolved to IPv6 and IPv4 addresses, each connected in turn until
+// one takes (the TCP phase is then done); the failure of the last is the one
+// reported.
+connect_outcome blocking_address(ws_record* ws, const ws_url_parts& parts, uint16_t port, connect_state& c) {
+    // the query needs a bound of its own when the connect has none
+    const int bound_ms = ws->timeout > 0 ? static_cast<int>(std::min<int64_t>(ws->timeout * int64_t{1000}, INT32_MAX)) : 30000;
+    resolve_query* query = resolve_start(parts.host, port, bound_ms);
+    if (query != nullptr)
+        resolve_here(*query);
+    if (query == nullptr || query->state != resolve_state::done) {
+        errno = query != nullptr ? query->error : ENOMEM;
+        resolve_free(query);
+        return connect_failed("domain name resolution fail, get server ip fail!",
+                              "domain name resolution fail, get server ip fail!", "Get server_ip: \n", "return -1\n");
+    }
+    int connected = -1;
+    for (std::size_t i = 0; i < query->count && connected == -1; ++i)
+        connected = connect_address(*ws, query->addresses[i].address, query->addresses[i].length);
+    const int error = errno;
+    resolve_free(query);
+    errno = error;
+    if (connected == -1 || (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1))
+        return connect_failed(nullptr, nullptr);
+    c.phase = parts.secure ? connect_phase::tls : connect_phase::send_upgrade;
+    return kNext;
+}
+
+// The connect's record and texts, and the request with a fresh key; `u`
+// expects the record's accept value.
+connect_outcome make_request(ws_record* ws, const standard_options& o, const ws_url_parts& parts, uint16_t port,
+                             connect_state& c, ws_upgrade& u) {
     const uint16_t standard_port = parts.secure ? 443 : 80;
-    const uint16_t port = parts.port_written ? parts.port : static_cast<uint16_t>(ws->port & 0xffff);
     char host[TEXT_FIELD_SIZE + 8];
     std::snprintf(host, sizeof host, port == standard_port || parts.port_written ? "%s" : "%s:%u",
                   parts.host_header, static_cast<unsigned>(port));
-    sockaddr_storage v6{};
-    const socklen_t v6_length = std::strchr(parts.host, ':') != nullptr ? address_parse(parts.host, port, AF_INET6, v6) : 0;
-    if (v6_length != 0) {
-        if (connect_ipv6(*ws, v6, v6_length) == -1 ||
-            (ws->guard.io_timeout > 0 && stream_bound_waits(ws->sockfd, ws->guard.io_timeout) == -1))
-            return connect_failed(nullptr, nullptr);
-        c.phase = parts.secure ? connect_phase::tls : connect_phase::send_upgrade;
-    }
-    char server_ip[16] = {};
-    if (v6_length == 0 && get_ip(parts.host, server_ip) == nullptr)
-        return connect_failed("domain name resolution fail, get server ip fail!",
-                              "domain name resolution fail, get server ip fail!", "Get server_ip: \n", "return -1\n");
-    WS_LOG("%s: %s port %u, target %s\n", ws->url, server_ip, static_cast<unsigned>(port), parts.target);
-    c.address.sin_family = AF_INET;
-    c.address.sin_port = htons(port);
-    c.address.sin_addr.s_addr = inet_addr(server_ip);
+    WS_LOG("%s: target %s\n", ws->url, parts.target);
     c.fd = ws->sockfd;
     c.timeout = ws->timeout;
     c.ws = ws;
@@ -373,13 +407,25 @@ connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connec
     u.offered = o.protocols;
     c.request_length = static_cast<std::size_t>(length);
     c.upgrade = &u;
-    return {connect_outcome::next, wait_for::read, 0, nullptr, nullptr, nullptr, nullptr};
+    return kNext;
+}
+
+connect_outcome prepare_connect(ws_record* ws, const standard_options& o, connect_state& c, ws_upgrade& u,
+                                std::span<char> text) {
+    ws_url_parts parts{};
+    uint16_t port = 0;
+    connect_outcome outcome = split_target(ws, text, parts, port);
+    if (outcome.what != connect_outcome::failed)
+        outcome = blocking_address(ws, parts, port, c);
+    return outcome.what != connect_outcome::failed ? make_request(ws, o, parts, port, c, u) : outcome;
 }
 
 // The connection's state beside the record; null when out of memory.
 std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<const char> leftover) {
     auto* c = static_cast<std_conn*>(std::calloc(1, sizeof(std_conn)));
     auto* pending = leftover.empty() ? nullptr : static_cast<uint8_t*>(std::malloc(leftover.size()));
+    if (pending != nullptr)  // before conn_open: a set-up's entry, which holds them, goes there
+        std::memcpy(pending, leftover.data(), leftover.size());
     const uint64_t serial = c != nullptr && (leftover.empty() || pending != nullptr) ? conn_open(ws.sockfd) : 0;
     conn_entry* entry = conn_find(ws.sockfd, serial);
     if (entry == nullptr) {
@@ -405,11 +451,25 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     c->pong_ms = ms(o.pong_timeout);
     c->heard_at = monotonic_ms();
     c->code = CLOSE_ABNORMAL;
-    if (pending != nullptr)
-        std::memcpy(pending, leftover.data(), leftover.size());
     c->pending = pending;
     c->pending_size = leftover.size();
     return c;
+}
+
+// After on_open: the frames that came with the answer, then the keepalive's
+// first deadline.
+void feed_first_frames(lua_State* L, int32_t fd, uint64_t serial) {
+    std_conn* c = still(fd, serial);
+    if (c != nullptr && c->pending != nullptr) {
+        c->in_receive = true;
+        if ((c = consume(L, c, c->pending, c->pending_size)) != nullptr) {
+            std::free(c->pending);
+            c->pending = nullptr;
+            c->in_receive = false;
+        }
+    }
+    if (c != nullptr)
+        schedule(*c);  // the keepalive's first deadline
 }
 
 // The tail of a connect that opened: as the designed one, with on_open(protocol)
@@ -435,18 +495,42 @@ int standard_opened(lua_State* L, ws_record* ws, const standard_options& o, std:
     registry_store_top(L, udata_key(fd));
     open_callback_protocol(L, fd, protocol.data(), protocol.size());
     ws->status = WS_STATUS_OPEN;
-    if ((c = still(fd, serial)) != nullptr && c->pending != nullptr) {
-        c->in_receive = true;
-        if ((c = consume(L, c, c->pending, c->pending_size)) != nullptr) {
-            std::free(c->pending);
-            c->pending = nullptr;
-            c->in_receive = false;
-        }
-    }
-    if (c != nullptr)
-        schedule(*c);  // the keepalive's first deadline
+    feed_first_frames(L, fd, serial);
     push_record_copy(L, *ws, METATABLE_WS);
     return 1;
+}
+
+// ---- connecting from the loop (nonblocking = true) ----
+
+// What a loop-driven set-up needs until it opens, as fd's entry session: the
+// options (the request's protocols among them) and the answer's check.
+struct std_setup {
+    standard_options options;
+    ws_upgrade upgrade;
+    char accept[TEXT_FIELD_SIZE];
+};
+
+void release_setup(void* setup) { std::free(setup); }
+
+constexpr setup_texts kLoopTexts{"domain name resolution fail, get server ip fail!"};
+
+// The URL, the TLS context and the request; the name's resolution started.
+connect_outcome prepare_loop_connect(ws_record* ws, loop_conn& conn, conn_entry& entry, std_setup& s) {
+    char text[ws_url_text_size(TEXT_FIELD_SIZE)];
+    ws_url_parts parts{};
+    uint16_t port = 0;
+    connect_outcome outcome = split_target(ws, text, parts, port);
+    if (outcome.what != connect_outcome::failed)
+        outcome = make_request(ws, s.options, parts, port, conn.setup, s.upgrade);
+    if (outcome.what == connect_outcome::failed)
+        return outcome;
+    // the record may be copied before the answer comes: the value is the set-up's
+    std::memcpy(s.accept, ws->sec_ws_accept, sizeof s.accept);
+    s.upgrade.accept = s.accept;
+    errno = ENOMEM;
+    if (!setup_begin(conn, entry, parts.host, port, static_cast<int64_t>(ws->timeout) * 1000, &kLoopTexts))
+        return connect_failed(nullptr, nullptr);
+    return kNext;
 }
 
 // The designed closed test: the record, its registration, its connection.
@@ -480,6 +564,62 @@ int ws_standard_connect(lua_State* L, ws_record* ws, const standard_options& o) 
     const int results = standard_opened(L, ws, o, u.chosen, connect_leftover(c));
     connect_release(c);
     return results;
+}
+
+int ws_standard_connect_loop(lua_State* L, ws_record* ws, const standard_options& o) {
+    ws->status = WS_STATUS_CONNECTING;
+    loop_conn* conn = loop_conn_attach(ws->sockfd);
+    auto* setup = conn != nullptr ? static_cast<std_setup*>(std::calloc(1, sizeof(std_setup))) : nullptr;
+    if (setup == nullptr) {
+        conn_drop(ws->sockfd);
+        errno = ENOMEM;
+        ws_report_failed_connect(L, ws, connect_failed(nullptr, nullptr));
+        return 0;
+    }
+    conn_entry* entry = conn_at(ws->sockfd);
+    entry->session = setup;
+    entry->release = release_setup;
+    ws->guard.loop_serial = entry->serial;
+    setup->options = o;
+    const connect_outcome prepared = prepare_loop_connect(ws, *conn, *entry, *setup);
+    if (prepared.what == connect_outcome::failed)
+        setup_fail_later(*conn, *entry, prepared);
+    push_record_copy(L, *ws, METATABLE_WS);  // the registered record stays the loop's
+    return 1;
+}
+
+bool ws_standard_loop_opened(lua_State* L, ws_record* ws, const connect_state& setup) {
+    const int32_t fd = ws->sockfd;
+    conn_entry* entry = conn_at(fd);
+    if (entry == nullptr || entry->release != release_setup)
+        return false;
+    // the set-up's entry, answer and all, goes when the connection's is made
+    const auto& s = *static_cast<const std_setup*>(entry->session);
+    const standard_options o = s.options;
+    char protocol[sizeof o.protocols];
+    const std::size_t protocol_size = std::min(s.upgrade.chosen.size(), sizeof protocol);
+    std::memcpy(protocol, s.upgrade.chosen.data(), protocol_size);
+    if (sock_add(fd) == -1) {
+        error_callback(L, fd, errno, "socktbl is full now!");
+        ws_do_close(L, ws, "socktbl is full now!");
+        return true;
+    }
+    const std_conn* c = make_conn(*ws, o, connect_leftover(setup));
+    if (c == nullptr) {
+        errno = ENOMEM;
+        report_and_close(L, fd, std::strerror(errno), nullptr, [&](const char* text) { ws_do_close(L, ws, text); });
+        return true;
+    }
+    ws->status = WS_STATUS_OPEN;  // the registered record: a close from on_open leaves the table
+    const uint64_t serial = c->serial;
+    open_callback_protocol(L, fd, protocol, protocol_size);
+    feed_first_frames(L, fd, serial);
+    return true;
+}
+
+bool ws_standard_setting_up(int32_t fd) {
+    const conn_entry* entry = conn_at(fd);
+    return entry != nullptr && entry->release == release_setup;
 }
 
 bool ws_standard_at(int32_t fd) { return conn_of(fd) != nullptr; }
@@ -558,6 +698,12 @@ int ws_standard_send(lua_State* L, ws_record* ws) {
     static const char* const kinds[] = {"text", "binary", "ping", nullptr};
     const int kind = luaL_checkoption(L, 3, "text", kinds);
     luaL_argcheck(L, kind != 2 || length <= WS_CONTROL_MAX, 2, "ping payload longer than 125 bytes");
+    if (ws_standard_setting_up(ws->sockfd)) {  // as any loop-driven set-up: nothing sent
+        errno = ENOTCONN;
+        error_callback(L, ws->sockfd, errno, "connection is being set up");
+        lua_pushinteger(L, 0);
+        return 1;
+    }
     std_conn* c = nullptr;
     if (record_closed(L, ws, &c)) {
         lua_pushinteger(L, -1);

@@ -77,15 +77,18 @@ TEST_F(SocketTest, NonblockingSetUpsStallOrFailWithoutStallingTheLoop) {
     const bool cares = std::strcmp(resolve_backend(), "c-ares") == 0;
     dns_peer never("stall.test -1 127.0.0.1");
     const char* ws = "ws.ws_connect(ws.ws_new(), opts{ type = 0, url = '%s', port = %d, timeout = 1, crt = '', prikey = '', nonblocking = true })";
+    const char* standard = "ws.ws_connect(ws.ws_new(), opts{ type = 0, url = '%s', port = %d, timeout = 1, crt = '', prikey = '', nonblocking = true, rfc6455 = true })";
     const char* tcp = "ws.tcp_connect(ws.tcp_new(), tcp_opts(%d, { nonblocking = true, connect_timeout = 1 %s }))";
-    const std::string close_ws_text = "ws.ws_close(" + std::string(ws) + ")", close_tcp_text = "ws.tcp_close(" + std::string(tcp) + ")";
-    const char *close_ws = close_ws_text.c_str(), *close_tcp = close_tcp_text.c_str();
+    const std::string close_ws_text = "ws.ws_close(" + std::string(ws) + ")", close_tcp_text = "ws.tcp_close(" + std::string(tcp) + ")",
+                      send_standard_text = "note('sent ' .. ws.ws_send(" + std::string(standard) + ", 'x', 'binary'))";
+    const char *close_ws = close_ws_text.c_str(), *close_tcp = close_tcp_text.c_str(), *send_standard = send_standard_text.c_str();
     const std::tuple<const char*, const char*, int, std::string> rows[] = {  // connect, URL or host key, listener, events
         {ws, "ws://127.0.0.1/x", 2, "returned|error:110:Connection timed out|close:Connection timed out"},
         {ws, "wss://127.0.0.1/x", 1, "returned|error:110:ssl connect fail!|close:ssl_connect_fail"},
         {ws, "ws://127.0.0.1/x", 1, "returned|error:110:Connection timed out|close:handshake fail"},
         {ws, "ws://stall.test/x", 1, "returned|error:110:domain name resolution fail, get server ip fail!|close:domain name resolution fail, get server ip fail!"},
         {ws, "ws://127.0.0.1/x", 0, "returned|error:111:Connection refused|close:Connection refused"},
+        {send_standard, "ws://127.0.0.1/x", 1, "error:107:connection is being set up|sent 0|returned|error:110:Connection timed out|close:handshake fail"},
         {tcp, "", 2, "returned|error:110:Connection timed out|close:Connection timed out"},
         {tcp, ", is_secure = 1, crt = 'none', prikey = 'none'", 1, "returned|error:2:ssl init fail|close:ssl init fail"},
         {tcp, ", host = 'stall.test'", 1, "returned|error:110:domain name resolution fail, get server ip fail!|close:domain name resolution fail, get server ip fail!"},
@@ -100,7 +103,7 @@ TEST_F(SocketTest, NonblockingSetUpsStallOrFailWithoutStallingTheLoop) {
         if (listener == 0)
             close(fd);
         char statement[512], code[2048];
-        connect == ws || connect == close_ws ? std::snprintf(statement, sizeof statement, connect, text, port)
+        connect != tcp && connect != close_tcp ? std::snprintf(statement, sizeof statement, connect, text, port)
                       : std::snprintf(statement, sizeof statement, connect, port, text);
         std::snprintf(code, sizeof code, kLoopWithTraffic, statement, 1.4);
         run("clear_events()");
@@ -158,19 +161,23 @@ TEST_F(SocketTest, NonblockingIpv6AndNames) {
     if (uint16_t port = 0; close(silent_listener(&port, false, true)) != 0)
         GTEST_SKIP() << "no IPv6 loopback (::1) on this machine";
     uint16_t v6_port = 0, v4_port = 0, ws_port = 0;
-    const int v6 = silent_listener(&v6_port, false, true), v4 = silent_listener(&v4_port), ws6 = silent_listener(&ws_port, false, true);
+    uint16_t std_port = 0;
+    const int v6 = silent_listener(&v6_port, false, true), v4 = silent_listener(&v4_port), ws6 = silent_listener(&ws_port, false, true),
+              std6 = silent_listener(&std_port, false, true);
     const bool cares = std::strcmp(resolve_backend(), "c-ares") == 0;
     dns_peer late("peer.test 0.3 ::1 127.0.0.1");  // ::1 has nothing on v4_port: refused, then 127.0.0.1
     LUA_OK("function tcp(host, port, text) local t = ws.tcp_new(); ws.tcp_connect(t, tcp_opts(port, { nonblocking = true, host = host, on_open = function() note('open ' .. host); ws.tcp_send(t, text) end })) end\n"
            "tcp('::1', " + std::to_string(v6_port) + ", 'six') tcp('localhost', " + std::to_string(v4_port) + ", 'name')" +
            (cares ? " tcp('peer.test', " + std::to_string(v4_port) + ", 'peer')" : std::string()) +
            "\nw = ws.ws_connect(ws.ws_new(), opts{ type = 0, url = 'ws://[::1]:" + std::to_string(ws_port) + "/p6', port = 1, timeout = 2, crt = '', prikey = '', nonblocking = true })"
+           "\ns = ws.ws_connect(ws.ws_new(), opts{ type = 0, url = 'ws://[::1]:" + std::to_string(std_port) + "/s6', port = 1, timeout = 2, crt = '', prikey = '', nonblocking = true, rfc6455 = true })"
            "\nlocal start = now(); ws.loop_start(deadline(5, function() if now() - start > 0.3 and select(2, events():gsub('open', '')) == " +
            (cares ? "3" : "2") + " then ws.loop_stop() end end), 1, 0)");
     EXPECT_THAT(events(), MatchesRegex(cares ? "(open (::1|localhost|peer.test)\\|?){3}" : "(open (::1|localhost)\\|?){2}"));
     EXPECT_EQ(accept_and_read(v6), "six");
     EXPECT_THAT(accept_and_read(v4) + "," + accept_and_read(v4), MatchesRegex(cares ? "name,peer|peer,name" : "name,"));
     EXPECT_THAT(accept_and_read(ws6), MatchesRegex("GET /p6 HTTP/1.1\r\nHost: \\[::1\\]:[0-9]+\r\n(.|\r|\n)*"));
+    EXPECT_THAT(accept_and_read(std6), MatchesRegex("GET /s6 HTTP/1.1\r\nHost: \\[::1\\]:[0-9]+\r\nUpgrade: websocket\r\n(.|\r|\n)*Version: 13\r\n\r\n"));
     // UDP: a dual-stack socket sends to either family and names senders as text
     const int e6 = socket(AF_INET6, SOCK_DGRAM, 0), e4 = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in6 at6{AF_INET6, 0, 0, in6addr_loopback, 0};
@@ -191,7 +198,19 @@ TEST_F(SocketTest, NonblockingIpv6AndNames) {
     }
     LUA_OK("ws.loop_start(deadline(0.5), 1, 0); table.sort(got); got = table.concat(got, ',')");
     EXPECT_EQ(eval("got"), "a ::1 " + std::to_string(ntohs(at6.sin6_port)) + ",b 127.0.0.1 " + std::to_string(e4_port));
-    for (int fd : {v6, v4, ws6, e6, e4})
+    if (cares) {  // the standard mode's own connect resolves names to IPv6 too
+        uint16_t named_port = 0;
+        const int named6 = silent_listener(&named_port, false, true);
+        std::string request;  // read, then the connection closed: the handshake fails at once
+        std::thread reader([&] { request = accept_and_read(named6); });
+        LUA_OK("clear_events(); ws.ws_connect(ws.ws_new(), opts{ type = 0, url = 'ws://peer.test:" + std::to_string(named_port) +
+               "/b6', port = 1, timeout = 2, crt = '', prikey = '', rfc6455 = true })");
+        reader.join();
+        EXPECT_THAT(events(), MatchesRegex("error:[^|]*\\|close:handshake fail"));
+        EXPECT_THAT(request, ::testing::StartsWith("GET /b6 HTTP/1.1\r\nHost: peer.test:"));
+        close(named6);
+    }
+    for (int fd : {v6, v4, ws6, std6, e6, e4})
         close(fd);
 }
 

@@ -27,10 +27,16 @@ protected:
         SocketTest::SetUp();
         LUA_OK(kHelpers);
     }
-    // Connects, runs `then` and the loop (5 s at most); the events.
-    std::string exchange(const peers::script_peer& peer, const std::string& then, const std::string& extra = "{}") {
-        EXPECT_EQ(run("clear_events(); c = ws.ws_connect(ws.ws_new(), sopts(" + std::to_string(peer.port) + ", " + extra +
-               "))\nif c then " + then + " ws.loop_start(deadline(5), 1, 0) end"), "");
+    // Connects, runs `then` and the loop (5 s at most); the events. Set up by
+    // the loop (`nb`): `then` runs at the first timer call after on_open.
+    std::string exchange(const peers::script_peer& peer, const std::string& then, const std::string& extra = "{}",
+                         bool nb = false) {
+        const std::string connect = "clear_events(); opened = false; o = sopts(" + std::to_string(peer.port) + ", " + extra +
+                                    ")\nif nb then local open = o.on_open; o.nonblocking, o.on_open = true, function(p) opened = true; open(p) end end"
+                                    "\nc = ws.ws_connect(ws.ws_new(), o)\n";
+        EXPECT_EQ(run("nb = " + std::string(nb ? "true\n" : "false\n") + connect +
+                      (nb ? "ws.loop_start(deadline(5, function() if opened then opened = false; " + then + " end end), 1, 0)"
+                          : "if c then " + then + " ws.loop_start(deadline(5), 1, 0) end")), "");
         return events();
     }
     // The client's frames after the request, as "<first byte hex>:<payload>".
@@ -60,10 +66,11 @@ TEST_F(WsStandardTest, OpeningHandshakeRows) {
         {{{step::upgrade, "HTTP/1.1 200 OK\r\nUpgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Accept: {accept}\r\n\r\n"}}, fail},
         {{{step::upgrade, kHead}}, fail},  // the blank line never comes
     };
+    for (const bool nb : {false, true})
     for (const auto& [steps, expected] : rows) {
         peers::script_peer peer(steps);
-        EXPECT_THAT(exchange(peer, "ws.ws_close(c, 1000) do return end", "{ close_timeout = 0 }"),
-                    MatchesRegex(expected + "(\\|close:User do close:1006:nil)?")) << expected;
+        EXPECT_THAT(exchange(peer, "ws.ws_close(c, 1000) do return end", "{ close_timeout = 0 }", nb),
+                    MatchesRegex(expected + "(\\|close:User do close:1006:nil)?")) << expected << (nb ? " nonblocking" : "");
         const std::string& seen = peer.transcript();
         EXPECT_EQ(seen.substr(0, seen.find("Sec-WebSocket-Key")),
                   "GET /p?q=1 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(peer.port) +
@@ -96,15 +103,16 @@ TEST_F(WsStandardTest, FramesAndClosesRows) {
          "error:pong timeout\\|close:pong timeout:1006:nil", "137:"},
         {{{step::drain}}, "ws.ws_close(c)", "{ close_timeout = 0.2 }", "close:User do close:1006:nil", "136:\x03\xe8"},
     };
+    for (const bool nb : {false, true})
     for (const auto& [steps, script, extra, expected, frames] : rows) {
         std::vector<step> all{{step::upgrade, kAnswer}};
         all.insert(all.end(), steps.begin(), steps.end());
         peers::script_peer peer(all);
         LUA_OK("other = ws.udp_new(); ws.udp_connect(other, opts({ type = 2 }))");
-        EXPECT_THAT(exchange(peer, "ws.ws_send(c, 'a\\0b', 'binary') " + script, extra),
-                    MatchesRegex("open:nil\\|" + expected)) << expected;
-        EXPECT_EQ(sent(peer), "130:" + std::string("a\0b", 3) + (frames.empty() ? "" : "|") + frames) << expected;
-        EXPECT_EQ(eval("watched(fd_of(other)) and not watched(fd_of(c)) and not timed_out"), "true") << expected;
+        EXPECT_THAT(exchange(peer, "ws.ws_send(c, 'a\\0b', 'binary') " + script, extra, nb),
+                    MatchesRegex("open:nil\\|" + expected)) << expected << nb;
+        EXPECT_EQ(sent(peer), "130:" + std::string("a\0b", 3) + (frames.empty() ? "" : "|") + frames) << expected << nb;
+        EXPECT_EQ(eval("watched(fd_of(other)) and not watched(fd_of(c)) and not timed_out"), "true") << expected << nb;
     }
 }
 
