@@ -219,6 +219,11 @@ ws_framed ws_session_close_frame(ws_session& s, uint16_t code, std::span<const u
     return framed;
 }
 
+void ws_session_delivered(ws_session& s) {
+    if (s.release)
+        release_store(s);
+}
+
 void ws_session_release_send(ws_session& s) {
     if (s.send_capacity > KEEP) {
         std::free(s.send);

@@ -272,7 +272,8 @@ std_conn* consume(lua_State* L, std_conn* c, const uint8_t* bytes, std::size_t s
         in = in.subspan(e.used);
         if (e.what == ws_event::text || e.what == ws_event::binary) {
             message_callback(L, fd, e.bytes.data(), e.bytes.size(), e.what == ws_event::text ? "text" : "binary");
-            c = still(fd, serial);
+            if ((c = still(fd, serial)) != nullptr)
+                ws_session_delivered(c->session);  // a large message's store is not kept until the next read
         } else if (e.what == ws_event::ping) {
             const ws_framed pong = ws_session_frame(c->session, ws_opcode::PONG, e.bytes);
             if (pong.error == ws_send_error::none && submit(*c, pong.frame) == -1)
