@@ -32,7 +32,7 @@
 
 namespace {
 
-constexpr std::size_t INPUT_SIZE = 16384;
+constexpr std::size_t INPUT_SIZE = 16384 + WS_HEADER_MAX;  // a 16 KiB frame arrives whole, handed out uncopied
 constexpr std::size_t TLS_CHUNK = 16384;    // at most one record per TLS write
 constexpr std::size_t QUEUE_KEEP = 65536;   // queue capacity kept once drained
 constexpr int READS_PER_PASS = 16;          // then the other sockets get their turn
