@@ -114,6 +114,10 @@ ws_framed ws_session_frame(ws_session& s, uint8_t opcode, std::span<const uint8_
 // (outside 1000-1003, 1007-1014, 3000-4999) or a reason that is over 123
 // bytes, not UTF-8, or given with no code.
 ws_framed ws_session_close_frame(ws_session& s, uint16_t code, std::span<const uint8_t> reason);
+// Where the rest of the data frame being stored can be read straight into
+// the store: feeding those bytes from there takes them without a copy. Empty
+// when no frame is being stored or the store has no room reserved for it.
+std::span<uint8_t> ws_session_direct(ws_session& s);
 // The message handed out last is done with: a store above the size kept
 // between messages is given back now rather than at the next feed.
 void ws_session_delivered(ws_session& s);
