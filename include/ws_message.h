@@ -12,7 +12,8 @@
 //         in = in.subspan(e.used);
 //         switch (e.what) { ... }   // none: everything was taken
 //     }
-// e.bytes is valid until the next call on the session. It points into `in`
+// e.bytes is valid until the next call on the session (ws_session_delivered
+// after a text or binary event gives a large store back at once). It points into `in`
 // for a whole unfragmented message that arrived in one piece; otherwise into
 // the session's store (data messages) or control buffer.
 //   text/binary  e.bytes: the whole payload, zero bytes included; text is valid UTF-8
@@ -113,6 +114,13 @@ ws_framed ws_session_frame(ws_session& s, uint8_t opcode, std::span<const uint8_
 // (outside 1000-1003, 1007-1014, 3000-4999) or a reason that is over 123
 // bytes, not UTF-8, or given with no code.
 ws_framed ws_session_close_frame(ws_session& s, uint16_t code, std::span<const uint8_t> reason);
+// Where the rest of the data frame being stored can be read straight into
+// the store: feeding those bytes from there takes them without a copy. Empty
+// when no frame is being stored or the store has no room reserved for it.
+std::span<uint8_t> ws_session_direct(ws_session& s);
+// The message handed out last is done with: a store above the size kept
+// between messages is given back now rather than at the next feed.
+void ws_session_delivered(ws_session& s);
 // Gives back a send buffer above the size kept between messages, once its
 // frame has been written out.
 void ws_session_release_send(ws_session& s);

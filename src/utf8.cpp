@@ -60,6 +60,8 @@ bool step(utf8_state& state, uint8_t byte) {
 }
 
 std::size_t skip_ascii(const uint8_t* bytes, std::size_t i, std::size_t length) {
+    if (i < length && bytes[i] >= 0x80)
+        return i;  // characters back to back: no block test
     for (; i + 16 <= length; i += 16) {
         uint64_t a, b;
         std::memcpy(&a, bytes + i, 8);

@@ -75,7 +75,7 @@ ws_out data_piece(ws_session& s, std::span<const uint8_t> piece, bool frame_end,
     if (!(s.store_size == 0 && last)) {
         if (!reserve_store(s, s.store_size + piece.size() + s.frames.left))
             return failed(s, WS_CLOSE_NO_MEMORY, used);
-        if (!piece.empty())
+        if (!piece.empty() && piece.data() != s.store + s.store_size)  // else read there directly
             std::memcpy(s.store + s.store_size, piece.data(), piece.size());
         s.store_size += piece.size();
         bytes = {s.store, s.store_size};
@@ -217,6 +217,19 @@ ws_framed ws_session_close_frame(ws_session& s, uint16_t code, std::span<const u
     if (framed.error == ws_send_error::none)
         s.close_bits |= WS_CLOSE_SENT;
     return framed;
+}
+
+std::span<uint8_t> ws_session_direct(ws_session& s) {
+    const bool storing = s.frames.in_payload && s.message != 0 && !is_control_opcode(s.frames.frame.opcode) &&
+                         s.fail_code == 0 && !s.release && !(s.close_bits & WS_CLOSE_RECEIVED);
+    if (!storing || s.store_capacity - s.store_size < s.frames.left)
+        return {};
+    return {s.store + s.store_size, static_cast<std::size_t>(s.frames.left)};
+}
+
+void ws_session_delivered(ws_session& s) {
+    if (s.release)
+        release_store(s);
 }
 
 void ws_session_release_send(ws_session& s) {

@@ -31,9 +31,10 @@
 
 namespace {
 
-constexpr std::size_t INPUT_SIZE = 16384;
+constexpr std::size_t INPUT_SIZE = 16384 + WS_HEADER_MAX;  // a 16 KiB frame arrives whole, handed out uncopied
 constexpr std::size_t TLS_CHUNK = 16384;    // at most one record per TLS write
 constexpr std::size_t QUEUE_KEEP = 65536;   // queue capacity kept once drained
+constexpr std::size_t DIRECT_LEAST = 4096;  // a shorter rest of a frame is read with what follows it
 constexpr int READS_PER_PASS = 16;          // then the other sockets get their turn
 constexpr uint16_t CLOSE_ABNORMAL = 1006;   // reported, never sent
 
@@ -271,7 +272,8 @@ std_conn* consume(lua_State* L, std_conn* c, const uint8_t* bytes, std::size_t s
         in = in.subspan(e.used);
         if (e.what == ws_event::text || e.what == ws_event::binary) {
             message_callback(L, fd, e.bytes.data(), e.bytes.size(), e.what == ws_event::text ? "text" : "binary");
-            c = still(fd, serial);
+            if ((c = still(fd, serial)) != nullptr)
+                ws_session_delivered(c->session);  // a large message's store is not kept until the next read
         } else if (e.what == ws_event::ping) {
             const ws_framed pong = ws_session_frame(c->session, ws_opcode::PONG, e.bytes);
             if (pong.error == ws_send_error::none && submit(*c, pong.frame) == -1)
@@ -633,7 +635,11 @@ int ws_standard_receive(lua_State* L, int32_t fd, int* error) {
     for (int reads = 0; reads < READS_PER_PASS && c != nullptr; ++reads) {
         tls_session* tls = c->secure && tls_live(c->tls_serial) ? c->tls : nullptr;
         errno = c->secure && tls == nullptr ? EBADF : 0;
-        const long n = errno == 0 ? stream_read(fd, tls, c->input, sizeof c->input) : -1;
+        // the rest of a large frame goes straight into the session's store: no copy
+        std::span<uint8_t> into = ws_session_direct(c->session);
+        if (into.size() < DIRECT_LEAST)
+            into = {c->input, sizeof c->input};
+        const long n = errno == 0 ? stream_read(fd, tls, into.data(), into.size()) : -1;
         if (n == -1 && errno == EINTR)
             continue;
         if (n == -1 && (errno == EAGAIN || errno == EWOULDBLOCK))
@@ -645,10 +651,10 @@ int ws_standard_receive(lua_State* L, int32_t fd, int* error) {
         c->heard_at = monotonic_ms();
         c->ping_at = 0;
         c->in_receive = true;
-        if ((c = consume(L, c, c->input, static_cast<std::size_t>(n))) == nullptr)
+        if ((c = consume(L, c, into.data(), static_cast<std::size_t>(n))) == nullptr)
             return 1;
         c->in_receive = false;
-        if (static_cast<std::size_t>(n) < sizeof c->input && (tls == nullptr || tls_pending(tls) == 0))
+        if (static_cast<std::size_t>(n) < into.size() && (tls == nullptr || tls_pending(tls) == 0))
             break;  // drained
     }
     if (c != nullptr && flush(*c) == -1)
