@@ -600,7 +600,8 @@ bool ws_standard_loop_opened(lua_State* L, ws_record* ws, const connect_state& s
     const standard_options o = s.options;
     char protocol[sizeof o.protocols];
     const std::size_t protocol_size = std::min(s.upgrade.chosen.size(), sizeof protocol);
-    std::memcpy(protocol, s.upgrade.chosen.data(), protocol_size);
+    if (protocol_size != 0)  // none chosen: no data pointer at all
+        std::memcpy(protocol, s.upgrade.chosen.data(), protocol_size);
     if (sock_add(fd) == -1) {
         error_callback(L, fd, errno, "socktbl is full now!");
         ws_do_close(L, ws, "socktbl is full now!");
