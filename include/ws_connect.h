@@ -34,6 +34,10 @@ int do_new_connect(lua_State* L, ws_record* ws);
 struct connect_outcome;
 int ws_report_failed_connect(lua_State* L, ws_record* ws, const connect_outcome& failure);
 
+// Enters the record's descriptor in the socket table; when it is full:
+// on_error "socktbl is full now!", the descriptor closed, nil pushed, false.
+bool ws_enter_table(lua_State* L, const ws_record* ws);
+
 // The tail of a connect that succeeded: enters the descriptor in the socket
 // table, registers a copy taken while connecting (the loop's), calls on_open,
 // marks the record open and pushes a copy of it; nil with on_error when the

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "frame_bits.h"
 #include "ws_client.h"
 
 #ifdef lua_h
@@ -17,13 +18,6 @@
 
 namespace {
 
-constexpr uint8_t FIN_BIT = 0x80;
-constexpr uint8_t RSV_BITS = 0x70;
-constexpr uint8_t OPCODE_BITS = 0x0F;
-constexpr uint8_t MASK_BIT = 0x80;
-constexpr uint8_t LENGTH_BITS = 0x7F;
-constexpr uint8_t LENGTH_16 = 126;
-constexpr uint8_t LENGTH_64 = 127;
 // opcodes 1, 2, 8, 9, 10 as bits
 constexpr uint32_t ACCEPTED_OPCODES = (1u << WS_TEXT_FRAME) | (1u << WS_BINARY_FRAME) | (1u << WS_CLOSING_FRAME) |
                                       (1u << WS_PING_FRAME) | (1u << WS_PONG_FRAME);

@@ -529,14 +529,20 @@ int do_new_connect(lua_State* L, ws_record* ws) {
     return outcome.what == connect_outcome::opened ? 1 : ws_report_failed_connect(L, ws, outcome);
 }
 
+bool ws_enter_table(lua_State* L, const ws_record* ws) {
+    const int32_t fd = ws->sockfd;
+    if (sock_add(fd) != -1)
+        return true;
+    error_callback(L, fd, errno, "socktbl is full now!");
+    close(fd);
+    lua_pushnil(L);
+    return false;
+}
+
 int ws_opened(lua_State* L, ws_record* ws) {
     const int32_t fd = ws->sockfd;
-    if (sock_add(fd) == -1) {
-        error_callback(L, fd, errno, "socktbl is full now!");
-        close(fd);
-        lua_pushnil(L);
+    if (!ws_enter_table(L, ws))
         return 1;
-    }
     // The loop and the receive path use this copy, taken while connecting.
     push_record_copy(L, *ws, METATABLE_WS);
     registry_store_top(L, udata_key(fd));

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "csprng.h"
+#include "frame_bits.h"
 
 #ifdef lua_h
 #error "the frame codec must stay free of the interpreter"
@@ -12,13 +13,6 @@
 
 namespace {
 
-constexpr uint8_t FIN_BIT = 0x80;
-constexpr uint8_t RSV_BITS = 0x70;
-constexpr uint8_t OPCODE_BITS = 0x0F;
-constexpr uint8_t MASK_BIT = 0x80;
-constexpr uint8_t LENGTH_BITS = 0x7F;
-constexpr uint8_t LENGTH_16 = 126;
-constexpr uint8_t LENGTH_64 = 127;
 // 0-2 and 8-10 as bits
 constexpr uint16_t KNOWN_OPCODES = 0x0707;
 

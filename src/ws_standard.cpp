@@ -479,12 +479,8 @@ void feed_first_frames(lua_State* L, int32_t fd, uint64_t serial) {
 int standard_opened(lua_State* L, ws_record* ws, const standard_options& o, std::string_view protocol,
                     std::span<const char> leftover) {
     const int32_t fd = ws->sockfd;
-    if (sock_add(fd) == -1) {
-        error_callback(L, fd, errno, "socktbl is full now!");
-        close(fd);
-        lua_pushnil(L);
+    if (!ws_enter_table(L, ws))
         return 1;
-    }
     std_conn* c = make_conn(*ws, o, leftover);
     if (c == nullptr || set_nonblocking(fd) == -1) {
         sock_rem(fd);
