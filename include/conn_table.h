@@ -13,6 +13,15 @@
 
 enum class conn_wait : uint8_t { none, read, write };
 
+// How a connection of another framing ended, as its session tells it: what
+// on_close reports beside the reason.
+struct conn_ending {
+    bool peer_closed;   // a close frame came: `reason` is the peer's
+    uint16_t code;      // the peer's, the one sent on a failure, else 1006
+    uint8_t reason_size;
+    char reason[123];   // a close frame's longest reason
+};
+
 struct conn_entry {
     uint64_t serial;           // names the connection; 0: the slot is free
     connect_phase phase;       // open once connected
@@ -20,6 +29,8 @@ struct conn_entry {
     int64_t deadline_ms;       // monotonic milliseconds the wait may last until; 0: none
     void* session;             // another framing's state, owned by the entry; null: none
     void (*release)(void* session);  // frees `session` when the entry goes
+    // Tells how `session`'s connection ended; null: a session that reports no code.
+    void (*ending)(const void* session, conn_ending* end);
 };
 
 // A fresh entry for fd (an old one is released first); its serial, or 0
@@ -30,6 +41,9 @@ conn_entry* conn_find(int fd, uint64_t serial);
 // Releases fd's entry, whatever connection it belongs to (the descriptor is
 // being closed): its session through the release hook.
 void conn_drop(int fd);
+// fd's end as its entry's session tells it (taken before the entry goes):
+// false, nothing written, when fd has no entry or its session tells none.
+bool conn_ended(int fd, conn_ending* end);
 // What the loop waits for on fd besides reading: none when fd has no entry.
 conn_wait conn_wants(int fd);
 // The entry of fd when one is in use; else null.

@@ -83,8 +83,13 @@ void ws_send_close(lua_State* L, ws_record* ws);
 // the set-up the loop drives and pushes a copy of the record (the result).
 // Every failure, and on_open, come from the loop.
 int ws_connect_loop(lua_State* L, ws_record* ws);
-// The kind's step: advances the set-up, or writes what sends left queued.
-int ws_step(lua_State* L, int32_t fd);
+// Offered a loop-driven set-up that opened, before the designed tail: true
+// when it took the connection over (another framing), false to leave it.
+struct connect_state;
+using ws_open_handler = bool(lua_State* L, ws_record* ws, const connect_state& setup);
+// The kind's step for a designed connection: advances the set-up, or writes
+// what sends left queued.
+int ws_step(lua_State* L, int32_t fd, ws_open_handler* take_over);
 // ws_close on a loop-driven connection (through its registered record): no
 // close frame while it is being set up. 0 when `ws` is not loop-driven.
 int ws_close_served(lua_State* L, ws_record* ws);

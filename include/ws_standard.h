@@ -49,13 +49,3 @@ int ws_standard_step(lua_State* L, int32_t fd);
 // standard-mode record (argument 1). Send: its result pushed, 1.
 int ws_standard_send(lua_State* L, ws_record* ws);
 void ws_standard_close(lua_State* L, ws_record* ws);
-
-// What on_close reports for fd, taken before its entry goes.
-struct ws_standard_end {
-    bool standard;      // fd is a standard-mode connection
-    bool peer_closed;   // a close frame came: `reason` is the server's
-    uint16_t code;      // the server's, the one sent on a failure, else 1006
-    uint8_t reason_size;
-    char reason[123];
-};
-ws_standard_end ws_standard_ending(int32_t fd);

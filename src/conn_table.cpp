@@ -79,6 +79,15 @@ void conn_drop(int fd) {
         release(entries[fd]);
 }
 
+bool conn_ended(int fd, conn_ending* end) {
+    const conn_entry* entry = conn_at(fd);
+    if (entry == nullptr || entry->ending == nullptr)
+        return false;
+    *end = conn_ending{};
+    entry->ending(entry->session, end);
+    return true;
+}
+
 conn_wait conn_wants(int fd) {
     if (fd < 0 || static_cast<std::size_t>(fd) >= capacity)
         return conn_wait::none;

@@ -17,7 +17,10 @@ constexpr kind_ops kinds[] = {
      [](lua_State* L, int32_t fd, int* error) {
          return ws_standard_at(fd) ? ws_standard_receive(L, fd, error) : ws_recv(L, fd, error);
      },
-     true, ws_step,
+     true,
+     [](lua_State* L, int32_t fd) {
+         return ws_standard_at(fd) ? ws_standard_step(L, fd) : ws_step(L, fd, ws_standard_loop_opened);
+     },
      [](lua_State* L, void* record, const char* reason) { ws_do_close(L, static_cast<ws_record*>(record), reason); }},
     {METATABLE_TCP, [](lua_State* L, int32_t fd, int* error) -> int { return tcp_recv(L, fd, error); }, true, tcp_step,
      [](lua_State* L, void* record, const char* reason) { tcp_do_close(L, static_cast<tcp_record*>(record), reason); }},

@@ -21,7 +21,6 @@
 #include "tls_owner.h"
 #include "tools.h"
 #include "transport.h"
-#include "ws_standard.h"
 #include "ws_url.h"
 
 #define LOG_UNIT "ws_connect"
@@ -457,8 +456,7 @@ void ws_loop_opened(lua_State* L, ws_record* ws) {
 }
 
 // The open connection's part of the step: the dialect writes what its
-// sends left queued. (The standard mode's step belongs here too: a
-// connection with `rfc6455` set hands this call to it.)
+// sends left queued.
 int ws_open_step(lua_State* L, ws_record* ws, loop_conn& conn, conn_entry& entry) {
     tls_session* tls = nullptr;
     if (!stream_of(*ws, &tls) || loop_drain(conn, entry, ws->sockfd, tls) == -1) {
@@ -579,10 +577,12 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
     }
     ws->ssl = nullptr;
     ws->ssl_ctx = nullptr;
-    const ws_standard_end standard = ws_standard_ending(ws->sockfd);  // before the entry goes
-    // other statuses leave the table alone, deliberately; a standard-mode
-    // connection always leaves it, so its end closes no other socket
-    if (ws->status == WS_STATUS_OPEN || standard.standard)
+    conn_ending end;
+    const bool coded = conn_ended(ws->sockfd, &end);  // before the entry goes
+    // other statuses leave the table alone, deliberately; a connection whose
+    // session tells its end (standard mode) always leaves it, so its end
+    // closes no other socket
+    if (ws->status == WS_STATUS_OPEN || coded)
         sock_rem(ws->sockfd);
     if (ws->sockfd != -1) {
         conn_drop(ws->sockfd);  // the connection's state and buffers go with its descriptor
@@ -592,9 +592,8 @@ void ws_do_close(lua_State* L, ws_record* ws, const char* reason) {
         ws_udata_close(L, ws->sockfd);
     }
     // The caller keeps the object on its stack (callbacks.cpp).
-    if (can_report_close(L, ws->sockfd) && standard.standard)
-        close_callback_coded(L, ws->sockfd, reason, standard.code, standard.peer_closed ? standard.reason : nullptr,
-                             standard.reason_size);
+    if (can_report_close(L, ws->sockfd) && coded)
+        close_callback_coded(L, ws->sockfd, reason, end.code, end.peer_closed ? end.reason : nullptr, end.reason_size);
     else if (can_report_close(L, ws->sockfd))
         close_callback(L, ws->sockfd, reason);
     ws->sockfd = -1;
@@ -722,9 +721,7 @@ int ws_connect_loop(lua_State* L, ws_record* ws) {
     return 1;
 }
 
-int ws_step(lua_State* L, int32_t fd) {
-    if (ws_standard_at(fd))
-        return ws_standard_step(L, fd);
+int ws_step(lua_State* L, int32_t fd, ws_open_handler* take_over) {
     int32_t kind = -1;
     auto* ws = static_cast<ws_record*>(registered_record(L, fd, &kind));
     loop_conn* conn = ws != nullptr && kind == SOCK_TYPE_WS ? loop_state(*ws) : nullptr;
@@ -737,7 +734,7 @@ int ws_step(lua_State* L, int32_t fd) {
     const connect_outcome outcome = setup_advance(*conn, entry, monotonic_ms());
     if (outcome.what == connect_outcome::failed)
         return ws_report_failed_connect(L, ws, outcome);
-    if (outcome.what == connect_outcome::opened && !ws_standard_loop_opened(L, ws, conn->setup))
+    if (outcome.what == connect_outcome::opened && !take_over(L, ws, conn->setup))
         ws_loop_opened(L, ws);
     return 0;
 }

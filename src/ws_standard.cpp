@@ -69,6 +69,16 @@ void release_conn(void* session) {
     std::free(c);
 }
 
+// on_close's code and the server's reason, for the close by descriptor
+void tell_ending(const void* session, conn_ending* end) {
+    const auto* c = static_cast<const std_conn*>(session);
+    static_assert(sizeof end->reason >= sizeof c->reason);
+    end->peer_closed = c->peer_closed;
+    end->code = c->code;
+    end->reason_size = c->reason_size;
+    std::memcpy(end->reason, c->reason, c->reason_size);
+}
+
 std_conn* conn_in(conn_entry* entry) {
     return entry != nullptr && entry->release == release_conn ? static_cast<std_conn*>(entry->session) : nullptr;
 }
@@ -438,6 +448,7 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     entry->phase = connect_phase::open;
     entry->session = c;
     entry->release = release_conn;
+    entry->ending = tell_ending;
     ws_session_init(c->session, static_cast<std::size_t>(std::min(o.max_message, static_cast<double>(SIZE_MAX / 2))));
     c->fd = ws.sockfd;
     c->serial = serial;
@@ -768,17 +779,4 @@ void ws_standard_close(lua_State* L, ws_record* ws) {
     c->close_asked = true;
     c->close_until = monotonic_ms() + c->close_ms;
     schedule(*c);
-}
-
-ws_standard_end ws_standard_ending(int32_t fd) {
-    const std_conn* c = conn_of(fd);
-    ws_standard_end end{};
-    if (c == nullptr)
-        return end;
-    end.standard = true;
-    end.peer_closed = c->peer_closed;
-    end.code = c->code;
-    end.reason_size = c->reason_size;
-    std::memcpy(end.reason, c->reason, c->reason_size);
-    return end;
 }

@@ -141,7 +141,7 @@ TEST(ConnTable, SerialGuardsAReusedDescriptor) {
     void (*count)(void*) = [](void* counter) { ++*static_cast<int*>(counter); };
     const uint64_t first = conn_open(700);
     ASSERT_NE(conn_find(700, first), nullptr);
-    *conn_find(700, first) = {first, connect_phase::tls, conn_wait::write, 0, &released, count};
+    *conn_find(700, first) = {first, connect_phase::tls, conn_wait::write, 0, &released, count, nullptr};
     EXPECT_EQ(conn_wants(700), conn_wait::write);
     const uint64_t second = conn_open(700);
     EXPECT_EQ(released, 1);
