@@ -32,10 +32,8 @@ qemu_for() {
 # emulate (select() on descriptors above 1023, select() leaving the time
 # that remained after a signal), and the io_timeout bounds: emulation on a
 # busy machine stretches a TLS handshake past their 0.3 s (the native groups
-# check them). The two queue-drain rows fail under emulation (a send past
-# the queue's bound meets ENOBUFS from the emulated socket layer); they pass
-# natively in every other group and are left out here until that is explained.
-unit_filter='-SocketTest.LoopServesAFullTableAbove1023:WsTest.ConnectTimesOut:ProtectTest.IoTimeoutBoundsEveryUnboundedWait:SocketTest.NonblockingSendsQueueInOrderBoundedByMaxQueue:WsStandardTest.QueueBoundAndDrain'
+# check them).
+unit_filter='-SocketTest.LoopServesAFullTableAbove1023:WsTest.ConnectTimesOut:ProtectTest.IoTimeoutBoundsEveryUnboundedWait'
 
 # build ARCH: sysroot, configure, module.
 build() {

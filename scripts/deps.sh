@@ -13,7 +13,8 @@ demo_packages=(
 )
 # `make test` adds the other interpreters, the test and fuzzing tools, luarocks,
 # c-ares (host names resolved in the loop), Node.js and its ws server (an interop
-# peer), ccache (one compile of what the groups build alike).
+# peer), ccache (one compile of what the groups build alike), LuaSocket and
+# cqueues (the companion module's examples under other loops).
 packages=(
   lua5.2 liblua5.2-dev lua5.3 liblua5.3-dev lua5.4 liblua5.4-dev luajit libluajit-5.1-dev
   libmbedtls-dev libwolfssl-dev
@@ -21,6 +22,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   luarocks ccache
+  lua-socket lua-cqueues
   musl-tools debhelper dpkg-dev
   nodejs node-ws
 )

@@ -196,8 +196,8 @@ void schedule(const std_conn& c) {
     entry->wants = queued(c) != 0 ? conn_wait::write : conn_wait::none;
     int64_t nearest = 0;
     const auto consider = [&](int64_t at) { nearest = nearest == 0 || at < nearest ? at : nearest; };
-    if (tls_holds_bytes(c))
-        consider(1);  // due at once: the step reads them
+    if (c.pending != nullptr || tls_holds_bytes(c))
+        consider(1);  // due at once: the step delivers or reads them
     if (c.close_until != 0)
         consider(c.close_until);
     if (c.ping_ms > 0 && c.ping_at == 0 && c.close_until == 0)
@@ -469,24 +469,39 @@ std_conn* make_conn(const ws_record& ws, const standard_options& o, std::span<co
     return c;
 }
 
-// After on_open: the frames that came with the answer, then the keepalive's
-// first deadline.
-void feed_first_frames(lua_State* L, int32_t fd, uint64_t serial) {
-    std_conn* c = still(fd, serial);
-    if (c != nullptr && c->pending != nullptr) {
-        c->in_receive = true;
-        if ((c = consume(L, c, c->pending, c->pending_size)) != nullptr) {
-            std::free(c->pending);
-            c->pending = nullptr;
-            c->in_receive = false;
-        }
+// The frames that came with the upgrade answer, delivered from the loop only,
+// before anything read after them: inside a blocking ws_connect the script
+// does not hold its object yet, and an on_message that answers needs it.
+// The connection, or null once it went.
+std_conn* deliver_pending(lua_State* L, std_conn* c) {
+    if (c->pending == nullptr)
+        return c;
+    c->in_receive = true;
+    if ((c = consume(L, c, c->pending, c->pending_size)) != nullptr) {
+        std::free(c->pending);
+        c->pending = nullptr;
+        c->in_receive = false;
     }
-    if (c != nullptr)
-        schedule(*c);  // the keepalive's first deadline
+    return c;
+}
+
+// After on_open inside ws_connect: the first deadlines (the frames that came
+// with the answer are due at once).
+void schedule_after_open(int32_t fd, uint64_t serial) {
+    if (const std_conn* c = still(fd, serial))
+        schedule(*c);
+}
+
+// After on_open from the loop, where the script holds its object: the
+// frames that came with the answer at once, then the first deadlines.
+void deliver_after_open(lua_State* L, int32_t fd, uint64_t serial) {
+    std_conn* c = still(fd, serial);
+    if (c != nullptr && (c = deliver_pending(L, c)) != nullptr)
+        schedule(*c);
 }
 
 // The tail of a connect that opened: as the designed one, with on_open(protocol)
-// and the frames that came with the answer delivered after it.
+// and the frames that came with the answer delivered by the loop after it.
 int standard_opened(lua_State* L, ws_record* ws, const standard_options& o, std::string_view protocol,
                     std::span<const char> leftover) {
     const int32_t fd = ws->sockfd;
@@ -504,7 +519,7 @@ int standard_opened(lua_State* L, ws_record* ws, const standard_options& o, std:
     registry_store_top(L, udata_key(fd));
     open_callback_protocol(L, fd, protocol.data(), protocol.size());
     ws->status = WS_STATUS_OPEN;
-    feed_first_frames(L, fd, serial);
+    schedule_after_open(fd, serial);
     push_record_copy(L, *ws, METATABLE_WS);
     return 1;
 }
@@ -623,7 +638,7 @@ bool ws_standard_loop_opened(lua_State* L, ws_record* ws, const connect_state& s
     ws->status = WS_STATUS_OPEN;  // the registered record: a close from on_open leaves the table
     const uint64_t serial = c->serial;
     open_callback_protocol(L, fd, protocol, protocol_size);
-    feed_first_frames(L, fd, serial);
+    deliver_after_open(L, fd, serial);
     return true;
 }
 
@@ -640,6 +655,8 @@ int ws_standard_receive(lua_State* L, int32_t fd, int* error) {
         *error = EAGAIN;  // a nested loop: the outer call reads on
         return -1;
     }
+    if ((c = deliver_pending(L, c)) == nullptr)
+        return 1;
     for (int reads = 0; reads < READS_PER_PASS && c != nullptr; ++reads) {
         tls_session* tls = c->secure && tls_live(c->tls_serial) ? c->tls : nullptr;
         errno = c->secure && tls == nullptr ? EBADF : 0;
@@ -676,6 +693,11 @@ int ws_standard_step(lua_State* L, int32_t fd) {
     std_conn* c = conn_of(fd);
     if (c == nullptr || c->in_receive)
         return 0;
+    if (c->pending != nullptr) {
+        if ((c = deliver_pending(L, c)) != nullptr)
+            schedule(*c);
+        return 0;
+    }
     int error = 0;
     if (tls_holds_bytes(*c))  // left by a receive that gave the other sockets their turn
         return ws_standard_receive(L, fd, &error), 0;
