@@ -65,10 +65,13 @@ local function expect(list)  -- {data, kind} in order, nothing more
   end
   if #ev.got ~= #list then return ("%d messages, wanted %d"):format(#ev.got, #list) end
 end
-local function echo(scheme, list, opts)  -- pings sent, but not expected back
-  connect(scheme, "/echo", opts)
+local function echo(scheme, list, opts)  -- pings sent, but not expected back; loop-driven: sent from on_open
   local back = {}
-  for _, m in ipairs(list) do ws.ws_send(ev.c, m[1], m[2]); back[#back + 1] = m[2] ~= "ping" and m or nil end
+  for _, m in ipairs(list) do back[#back + 1] = m[2] ~= "ping" and m or nil end
+  local function send() for _, m in ipairs(list) do ws.ws_send(ev.c, m[1], m[2]) end end
+  local nb = opts and opts.nonblocking
+  connect(scheme, "/echo", nb and { nonblocking = true, on_open = function(p) ev.protocol = p or false; send() end } or opts)
+  if not nb then send() end
   pump(has(#back), 60)
   return expect(back)
 end
@@ -96,6 +99,8 @@ for _, scheme in ipairs({ "ws", "wss" }) do
          size > 65536 and { max_message = 32 * MiB } or nil)
     end
   end
+  on("framing", "echo over a set-up the loop drives", echo,
+     { { "x", "text" }, { "?", "ping" }, { payload("binary", 70000), "binary" } }, { nonblocking = true })
   on("framing", "zero bytes in both kinds", echo, { { "a\0b\0", "text" }, { "\0", "binary" }, { "\0\0x", "binary" } })
   on("framing", "10000 frames written back to back arrive in order", function()
     connect(scheme, "/burst?n=10000"); pump(has(10000), 30)
