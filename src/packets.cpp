@@ -9,6 +9,7 @@
 
 #include "frame_bits.h"
 #include "ws_client.h"
+#include "ws_frame.h"
 
 #ifdef lua_h
 #error "the frame codec must stay free of the interpreter"
@@ -76,50 +77,8 @@ uint32_t wsMakeFrameHeader(const uint8_t* data, uint32_t dataLength, uint8_t* he
     return length + WS_MASK_KEY_SIZE;
 }
 
-// 16 bytes handled as one value: SIMD registers where the target has them,
-// word operations where it does not.
-using mask_chunk = uint8_t __attribute__((vector_size(16)));
-
 void wsMaskPayload(uint8_t* dst, const uint8_t* src, uint32_t length, const uint8_t* key) {
-    // The key repeated in memory order, so the XOR is byte-order independent.
-    mask_chunk key_chunk;
-    for (std::size_t k = 0; k < sizeof key_chunk; k += 4)
-        std::memcpy(reinterpret_cast<uint8_t*>(&key_chunk) + k, key, 4);
-    uint64_t key_word;
-    std::memcpy(&key_word, &key_chunk, sizeof key_word);
-
-    // Each chunk is loaded before it is stored, so dst == src is safe.
-    std::size_t i = 0;
-    for (; i + 4 * sizeof(mask_chunk) <= length; i += 4 * sizeof(mask_chunk)) {
-        mask_chunk a, b, c, d;
-        std::memcpy(&a, src + i, sizeof a);
-        std::memcpy(&b, src + i + 16, sizeof b);
-        std::memcpy(&c, src + i + 32, sizeof c);
-        std::memcpy(&d, src + i + 48, sizeof d);
-        a ^= key_chunk;
-        b ^= key_chunk;
-        c ^= key_chunk;
-        d ^= key_chunk;
-        std::memcpy(dst + i, &a, sizeof a);
-        std::memcpy(dst + i + 16, &b, sizeof b);
-        std::memcpy(dst + i + 32, &c, sizeof c);
-        std::memcpy(dst + i + 48, &d, sizeof d);
-    }
-    for (; i + sizeof(mask_chunk) <= length; i += sizeof(mask_chunk)) {
-        mask_chunk a;
-        std::memcpy(&a, src + i, sizeof a);
-        a ^= key_chunk;
-        std::memcpy(dst + i, &a, sizeof a);
-    }
-    for (; i + sizeof key_word <= length; i += sizeof key_word) {
-        uint64_t w;
-        std::memcpy(&w, src + i, sizeof w);
-        w ^= key_word;
-        std::memcpy(dst + i, &w, sizeof w);
-    }
-    // i is a multiple of 8 here, so the key phase is i % 4 as always
-    for (; i < length; ++i)
-        dst[i] = src[i] ^ key[i & 3];
+    frame_mask(dst, src, length, key, 0);
 }
 
 void wsMakeFrame(const uint8_t* data, uint32_t dataLength, uint8_t* outFrame, uint32_t* outLength,

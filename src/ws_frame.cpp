@@ -95,31 +95,52 @@ std::size_t frame_header_encode(uint8_t out[WS_HEADER_MAX], bool fin, uint8_t op
     return at + WS_KEY_SIZE;
 }
 
+// 16 bytes handled as one value: SIMD registers where the target has them,
+// word operations where it does not.
+using mask_chunk = uint8_t __attribute__((vector_size(16)));
+
 void frame_mask(uint8_t* dst, const uint8_t* src, std::size_t length, const uint8_t key[WS_KEY_SIZE],
                 std::size_t offset) {
     // The key turned to the payload's phase and repeated in memory order, so
-    // the XOR of whole words does not depend on the byte order.
-    uint8_t turned[8];
-    for (std::size_t k = 0; k < sizeof turned; ++k)
+    // the XOR of whole chunks does not depend on the byte order.
+    uint8_t turned[sizeof(mask_chunk)];
+    for (std::size_t k = 0; k < WS_KEY_SIZE; ++k)
         turned[k] = key[(offset + k) & 3];
-    uint64_t key_word;
-    std::memcpy(&key_word, turned, sizeof key_word);
+    for (std::size_t k = WS_KEY_SIZE; k < sizeof turned; k += WS_KEY_SIZE)
+        std::memcpy(turned + k, turned, WS_KEY_SIZE);
+    mask_chunk key_chunk;
+    std::memcpy(&key_chunk, turned, sizeof key_chunk);
     std::size_t i = 0;
-    // each word is loaded before it is stored, so dst == src is safe
-    for (; i + 32 <= length; i += 32) {
-        uint64_t w[4];
-        std::memcpy(w, src + i, sizeof w);
-        w[0] ^= key_word, w[1] ^= key_word, w[2] ^= key_word, w[3] ^= key_word;
-        std::memcpy(dst + i, w, sizeof w);
+    // each chunk is loaded before it is stored, so dst == src is safe
+    for (; i + 4 * sizeof(mask_chunk) <= length; i += 4 * sizeof(mask_chunk)) {
+        mask_chunk a, b, c, d;
+        std::memcpy(&a, src + i, sizeof a);
+        std::memcpy(&b, src + i + 16, sizeof b);
+        std::memcpy(&c, src + i + 32, sizeof c);
+        std::memcpy(&d, src + i + 48, sizeof d);
+        a ^= key_chunk, b ^= key_chunk, c ^= key_chunk, d ^= key_chunk;
+        std::memcpy(dst + i, &a, sizeof a);
+        std::memcpy(dst + i + 16, &b, sizeof b);
+        std::memcpy(dst + i + 32, &c, sizeof c);
+        std::memcpy(dst + i + 48, &d, sizeof d);
     }
-    for (; i + 8 <= length; i += 8) {
-        uint64_t w;
-        std::memcpy(&w, src + i, sizeof w);
-        w ^= key_word;
-        std::memcpy(dst + i, &w, sizeof w);
+    for (; i + sizeof(mask_chunk) <= length; i += sizeof(mask_chunk)) {
+        mask_chunk c;
+        std::memcpy(&c, src + i, sizeof c);
+        c ^= key_chunk;
+        std::memcpy(dst + i, &c, sizeof c);
     }
+    if (i + sizeof(uint64_t) <= length) {
+        uint64_t word, key_word;
+        std::memcpy(&word, src + i, sizeof word);
+        std::memcpy(&key_word, turned, sizeof key_word);
+        word ^= key_word;
+        std::memcpy(dst + i, &word, sizeof word);
+        i += sizeof word;
+    }
+    // i is a multiple of 8 here: the phase of byte i is turned[i % 16]
     for (; i < length; ++i)
-        dst[i] = src[i] ^ turned[i & 7];
+        dst[i] = src[i] ^ turned[i & (sizeof(mask_chunk) - 1)];
 }
 
 std::size_t frame_encode(std::span<uint8_t> out, uint8_t opcode, std::span<const uint8_t> payload) {
