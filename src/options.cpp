@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <strings.h>
 
 #include "tools.h"
 #include "ws_message.h"
@@ -136,6 +137,17 @@ bool is_token(const char* text, std::size_t length) {
     return true;
 }
 
+// Host, Upgrade, Connection and Sec-WebSocket-*: the handshake writes its
+// own, and a second one makes servers refuse it or answer with what the
+// module cannot take (an extension).
+bool written_by_handshake(const char* name, std::size_t length) {
+    const auto is = [&](const char* own, bool prefix) {
+        const std::size_t own_length = std::strlen(own);
+        return (prefix ? length > own_length : length == own_length) && strncasecmp(name, own, own_length) == 0;
+    };
+    return is("host", false) || is("upgrade", false) || is("connection", false) || is("sec-websocket-", true);
+}
+
 // An argument error against the options table, which is just below the top.
 [[noreturn]] void standard_error(lua_State* L, const char* key, const char* what) {
     luaL_argerror(L, lua_gettop(L) - 1, lua_pushfstring(L, "field '%s': %s", key, what));
@@ -209,6 +221,8 @@ void read_headers(lua_State* L, standard_options& o) {
                 standard_error(L, "headers", "text names and values expected");
             if (!is_token(name, name_length) || std::strcspn(value, "\r\n") != value_length)
                 standard_error(L, "headers", "a name that is no token, or CR, LF or a zero byte");
+            if (written_by_handshake(name, name_length))
+                standard_error(L, "headers", "Host, Upgrade, Connection and Sec-WebSocket-* are the handshake's own");
             if (!append(o.headers, sizeof o.headers, at, name, name_length) ||
                 !append(o.headers, sizeof o.headers, at, ": ", 2) ||
                 !append(o.headers, sizeof o.headers, at, value, value_length) ||

@@ -141,6 +141,8 @@ TEST_F(WsStandardTest, OptionErrorsNameTheKey) {
         {"rfc6455 = 1", "field 'rfc6455': boolean expected, got number"},
         {"headers = { ['X-A'] = 'a\\r\\nB: b' }", "field 'headers': a name that is no token, or CR, LF or a zero byte"},
         {"headers = { ['X A'] = 'a' }", "field 'headers': a name that is no token"},
+        {"headers = { HOST = 'b' }", "field 'headers': Host, Upgrade, Connection and Sec-WebSocket-* are the handshake's own"},
+        {"headers = { ['sec-websocket-extensions'] = 'x' }", "the handshake's own"},
         {"protocols = { 'a b' }", "field 'protocols': tokens expected"},
         {"max_message = 0", "field 'max_message': a number of 1 or more expected"},
         {"ping_interval = 'x'", "field 'ping_interval': number expected, got string"},
