@@ -1,10 +1,12 @@
 // The Lua-free cores on crafted inputs: chunked decoding, the handshake's
-// key and accept value, URL splitting; the socket table; the debug log.
+// key and accept value, URL splitting; the socket table; the debug log; the
+// send queue of a loop-driven connection.
 
 #include "chunked.h"
 #include "conn_table.h"
 #include "connect_machine.h"
 #include "handshake.h"
+#include "loop_conn.h"
 #include "lua_fixture.h"
 
 TEST(Chunked, HexSizesAndDesignedDecodes) {
@@ -154,4 +156,46 @@ TEST(ConnTable, SerialGuardsAReusedDescriptor) {
     EXPECT_EQ(conn_find(700, second), nullptr);
     EXPECT_EQ(conn_open(-1), 0u);
     EXPECT_EQ(conn_count(), 0u);
+}
+
+// A send made while bytes wait goes behind them even when the socket has room
+// again, and the queue loses nothing when it moves its unwritten rest to the
+// front to grow: the reader gets every send whole, in order.
+TEST(SendQueue, LaterSendsWaitBehindQueuedBytes) {
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, pair), 0);
+    const int small = 4096;
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    std::string sent, got;
+    const auto pattern = [&](std::size_t size, int seed) {
+        std::string bytes(size, '\0');
+        for (std::size_t i = 0; i < size; ++i)
+            bytes[i] = static_cast<char>((i * 7 + seed) % 251);
+        return sent += bytes, bytes;
+    };
+    const auto read_some = [&](std::size_t most) {
+        char piece[16384];
+        const long n = read(pair[1], piece, std::min(most, sizeof piece));
+        got.append(piece, n > 0 ? static_cast<std::size_t>(n) : 0);
+    };
+    loop_conn conn{};
+    conn_entry entry{};
+    conn.max_queue = 4 << 20;
+    const std::string first = pattern(300000, 1), second = pattern(1000000, 2);
+    EXPECT_EQ(loop_send(conn, entry, pair[0], nullptr, first.data(), first.size()), queued_send::queued);
+    read_some(16384);
+    EXPECT_EQ(loop_drain(conn, entry, pair[0], nullptr), 0);  // part of the queue written
+    read_some(16384);                                          // the socket has room, bytes still wait
+    EXPECT_EQ(loop_send(conn, entry, pair[0], nullptr, second.data(), second.size()), queued_send::queued);
+    const std::string past_bound(conn.max_queue, 'x');  // with bytes waiting: refused, nothing queued
+    EXPECT_EQ(loop_send(conn, entry, pair[0], nullptr, past_bound.data(), past_bound.size()), queued_send::full);
+    for (int rounds = 0; rounds < 100000 && got.size() < sent.size(); ++rounds) {
+        read_some(16384);
+        loop_drain(conn, entry, pair[0], nullptr);
+    }
+    EXPECT_TRUE(got == sent) << got.size() << " of " << sent.size() << " bytes, first difference at "
+                             << std::mismatch(got.begin(), got.end(), sent.begin()).first - got.begin();
+    EXPECT_EQ(entry.wants, conn_wait::none);
+    byte_queue_reset(conn.out);
+    close(pair[0]), close(pair[1]);
 }
