@@ -32,8 +32,11 @@ qemu_for() {
 # emulate (select() on descriptors above 1023, select() leaving the time
 # that remained after a signal), and the io_timeout bounds: emulation on a
 # busy machine stretches a TLS handshake past their 0.3 s (the native groups
-# check them).
-unit_filter='-SocketTest.LoopServesAFullTableAbove1023:WsTest.ConnectTimesOut:ProtectTest.IoTimeoutBoundsEveryUnboundedWait'
+# check them). The two queue-drain rows are left out too: under emulation on a
+# loaded machine the socket write itself sometimes fails with ENOBUFS ("No
+# buffer space available", reported and closed as any failed write), which a
+# native kernel does not do on a TCP socket; every native group runs them.
+unit_filter='-SocketTest.LoopServesAFullTableAbove1023:WsTest.ConnectTimesOut:ProtectTest.IoTimeoutBoundsEveryUnboundedWait:SocketTest.NonblockingSendsQueueInOrderBoundedByMaxQueue:WsStandardTest.QueueBoundAndDrain'
 
 # build ARCH: sysroot, configure, module.
 build() {
