@@ -33,6 +33,12 @@ const luaL_Reg probes[] = {
     {"watched", [](lua_State* L) { return lua_pushboolean(L, std::count(socktbl, socktbl + SOCKET_TABLE_SIZE, arg(L, 1))), 1; }},
     {"tls_sessions", [](lua_State* L) { return push(L, static_cast<lua_Number>(tls_live_count())); }},
     {"fd_is_open", [](lua_State* L) { return lua_pushboolean(L, fcntl(arg(L, 1), F_GETFD) != -1), 1; }},
+    // what the descriptor refers to (its inode), nil when closed: a peer thread
+    // may take a freed number at any time
+    {"fd_file", [](lua_State* L) {
+         struct stat st {};
+         return fstat(arg(L, 1), &st) == 0 ? push(L, static_cast<double>(st.st_ino)) : (lua_pushnil(L), 1);
+     }},
     {"blocking", [](lua_State* L) { return lua_pushboolean(L, (fcntl(arg(L, 1), F_GETFL) & O_NONBLOCK) == 0), 1; }},
     {"now", [](lua_State* L) {
          return push(L, std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count());
