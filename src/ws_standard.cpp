@@ -694,8 +694,7 @@ int ws_standard_step(lua_State* L, int32_t fd) {
     if (c == nullptr || c->in_receive)
         return 0;
     if (c->pending != nullptr) {
-        if ((c = deliver_pending(L, c)) != nullptr)
-            schedule(*c);
+        deliver_after_open(L, fd, c->serial);
         return 0;
     }
     int error = 0;
